@@ -1,0 +1,26 @@
+find_package(Threads REQUIRED)
+find_package(nlohmann_json 3.10 REQUIRED)
+find_package(pugixml REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+pkg_check_modules(NFTABLES REQUIRED IMPORTED_TARGET libnftables)
+
+# Standalone Asio is header-only; Debian installs it under /usr/include.
+find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+add_library(veltrane_asio INTERFACE)
+target_include_directories(veltrane_asio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
+target_compile_definitions(veltrane_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # clang 14 does not announce coroutine support the way asio 1.22 probes for it.
+  target_compile_definitions(veltrane_asio INTERFACE ASIO_HAS_CO_AWAIT=1 ASIO_HAS_STD_COROUTINE=1)
+endif()
+target_link_libraries(veltrane_asio INTERFACE Threads::Threads)
+
+if(VELTRANE_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(VELTRANE_BENCHMARKS)
+  find_package(benchmark QUIET)
+endif()
