@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# The command as users run it: verdicts on the bundled profile, the JSON form,
+# and the one-line refusal of a profile that does not read.
+set -u
+veltrane=$1
+root=$2
+profile=$root/examples/default-profile.json
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+failures=0
+
+expect() { # name, expected exit status, expected substring, command...
+    local name=$1 status=$2 needle=$3
+    shift 3
+    local out rc
+    out=$("$@" 2>&1)
+    rc=$?
+    if [ "$rc" != "$status" ] || [[ "$out" != *"$needle"* ]]; then
+        echo "FAIL $name: status $rc (want $status), output:"
+        echo "$out"
+        failures=$((failures + 1))
+    else
+        echo "ok   $name"
+    fi
+}
+
+expect "socks route" 0 "route: proxy Local SOCKS (127.0.0.1:1080 socks5)" \
+    "$veltrane" test-route --profile "$profile" --app curl --host example.com --port 443
+expect "trace names the skipped guard" 0 "跳过「Localhost」：目标主机不匹配（example.com）" \
+    "$veltrane" test-route --profile "$profile" --app curl --host example.com --port 443
+expect "chain route" 0 "proxy Local SOCKS (127.0.0.1:1080 socks5) → Office HTTP (proxy.office.example:3128 http)" \
+    "$veltrane" test-route --profile "$profile" --app anything --host 10.20.3.4 --port 80
+expect "udp skips tcp rule" 0 "传输层不匹配（规则限 tcp）" \
+    "$veltrane" test-route --profile "$profile" --app curl --host example.com --port 443 --udp
+expect "interface route" 0 "route: interface tun0" \
+    "$veltrane" test-route --profile "$profile" --app git --host repo.corp.example --port 22
+expect "block" 0 "route: block" \
+    "$veltrane" test-route --profile "$profile" --app x --host a.tracker.example --port 443
+expect "json" 0 '"action":"direct","matchedRule":"Default","trace":[' \
+    "$veltrane" test-route --profile "$profile" --app nobody --host example.org --port 80 --json
+
+sed 's/"tags": \["web"\]/"tagz": []/' "$profile" >"$tmp/broken.json"
+expect "broken profile names key" 2 "tags" \
+    "$veltrane" test-route --profile "$tmp/broken.json" --app a --host b --port 1
+expect "broken profile names file" 2 "$tmp/broken.json" \
+    "$veltrane" test-route --profile "$tmp/broken.json" --app a --host b --port 1
+expect "missing file" 2 "$tmp/none.json" \
+    "$veltrane" test-route --profile "$tmp/none.json" --app a --host b --port 1
+printf 'not json' >"$tmp/garbage.json"
+expect "not json" 2 "garbage.json" \
+    "$veltrane" test-route --profile "$tmp/garbage.json" --app a --host b --port 1
+
+[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
