@@ -6,9 +6,6 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 reports these through asio and <functional> internals we cannot change.
   target_compile_options(veltrane_options INTERFACE -Wno-maybe-uninitialized -Wno-mismatched-new-delete)
 endif()
-if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  target_compile_options(veltrane_options INTERFACE -fcoroutines-ts -Wno-deprecated-experimental-coroutine)
-endif()
 
 if(VELTRANE_SANITIZE)
   set(_san -fsanitize=${VELTRANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
