@@ -118,15 +118,15 @@ struct Rule {
     // Fields to replace in `with`; id and locked are deliberately absent so a
     // guard stays a guard and an ordinary rule cannot become one.
     struct Changes {
-        std::optional<std::string> name;
-        std::optional<bool> enabled;
-        std::optional<std::vector<std::string>> apps;
-        std::optional<std::vector<std::string>> hosts;
-        std::optional<std::vector<std::string>> ports;
-        std::optional<FlowTransport> transport;
-        std::optional<RuleAction> action;
-        std::optional<QUICPolicy> quicPolicy;
-        std::optional<std::vector<std::string>> tags;
+        std::optional<std::string> name{};
+        std::optional<bool> enabled{};
+        std::optional<std::vector<std::string>> apps{};
+        std::optional<std::vector<std::string>> hosts{};
+        std::optional<std::vector<std::string>> ports{};
+        std::optional<FlowTransport> transport{};
+        std::optional<RuleAction> action{};
+        std::optional<QUICPolicy> quicPolicy{};
+        std::optional<std::vector<std::string>> tags{};
     };
     Rule with(const Changes& changes) const;
 
@@ -201,13 +201,13 @@ struct Profile {
 
     // schemaVersion and id cannot change this way.
     struct Changes {
-        std::optional<std::string> name;
-        std::optional<std::vector<ProxyServer>> proxies;
-        std::optional<std::vector<ProxyChain>> chains;
-        std::optional<std::vector<Rule>> rules;
-        std::optional<DNSSettings> dns;
-        std::optional<GeneralSettings> general;
-        std::optional<std::vector<NetworkEnvironment>> environments;
+        std::optional<std::string> name{};
+        std::optional<std::vector<ProxyServer>> proxies{};
+        std::optional<std::vector<ProxyChain>> chains{};
+        std::optional<std::vector<Rule>> rules{};
+        std::optional<DNSSettings> dns{};
+        std::optional<GeneralSettings> general{};
+        std::optional<std::vector<NetworkEnvironment>> environments{};
     };
     Profile with(const Changes& changes) const;
 
