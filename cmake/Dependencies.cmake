@@ -11,7 +11,11 @@ pkg_check_modules(NFTABLES REQUIRED IMPORTED_TARGET libnftables)
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 add_library(veltrane_asio INTERFACE)
 target_include_directories(veltrane_asio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
-target_compile_definitions(veltrane_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+# ASIO_DISABLE_STD_ALIGNED_ALLOC: asio picks aligned_alloc or operator new by
+# what was included before it, so a precompiled header and a plain include
+# would allocate and free through different functions.
+target_compile_definitions(veltrane_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED
+                           ASIO_DISABLE_STD_ALIGNED_ALLOC)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # clang 14 does not announce coroutine support the way asio 1.22 probes for it.
   target_compile_definitions(veltrane_asio INTERFACE ASIO_HAS_CO_AWAIT=1 ASIO_HAS_STD_COROUTINE=1)
