@@ -4,6 +4,7 @@
 #include "VeltraneKit/Matchers.hpp"
 #include "VeltraneKit/Profile.hpp"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -68,8 +69,13 @@ private:
     Verdict::Resolved resolve(const RuleAction& action, std::vector<Verdict::TraceEntry>& trace,
                               const std::string& ruleName) const;
 
+    // The compiled rules packed into flat arrays for the scan in `match`.
+    // Immutable, and shared by copies of the engine.
+    struct Program;
+
     std::vector<CompiledRule> compiled_;
     Profile profile_;
+    std::shared_ptr<const Program> program_;
 };
 
 } // namespace veltrane::kit

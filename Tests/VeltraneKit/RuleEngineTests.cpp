@@ -1,0 +1,449 @@
+#include "VeltraneKit/Localize.hpp"
+#include "VeltraneKit/RuleEngine.hpp"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace veltrane::kit;
+
+namespace {
+
+using Entry = Verdict::TraceEntry;
+using Trace = std::vector<Entry>;
+
+const char* const noFallbackName = "(无兜底规则)";
+const Entry noFallback{noFallbackName, true, "默认直连"};
+
+struct RuleSpec {
+    std::string name = "R";
+    std::vector<std::string> apps{};
+    std::vector<std::string> hosts{};
+    std::vector<std::string> ports{};
+    FlowTransport transport = FlowTransport::any;
+    RuleAction action = RuleAction::direct();
+    bool enabled = true;
+    bool locked = false;
+    QUICPolicy quicPolicy = QUICPolicy::fallback;
+};
+
+Rule makeRule(const RuleSpec& spec) {
+    Rule rule;
+    rule.id = UUID::random();
+    rule.name = spec.name;
+    rule.enabled = spec.enabled;
+    rule.apps = spec.apps;
+    rule.hosts = spec.hosts;
+    rule.ports = spec.ports;
+    rule.transport = spec.transport;
+    rule.action = spec.action;
+    rule.quicPolicy = spec.quicPolicy;
+    rule.locked = spec.locked;
+    return rule;
+}
+
+ProxyServer makeServer(std::string name, std::string address, std::uint16_t port,
+                       ProxyProtocol proto = ProxyProtocol::socks5) {
+    return ProxyServer{UUID::random(), std::move(name), std::move(address), port, proto, {}};
+}
+
+Profile makeProfile(std::vector<Rule> rules, std::vector<ProxyServer> proxies = {},
+                    std::vector<ProxyChain> chains = {}) {
+    Profile profile;
+    profile.id = UUID::random();
+    profile.name = "Test";
+    profile.rules = std::move(rules);
+    profile.proxies = std::move(proxies);
+    profile.chains = std::move(chains);
+    return profile;
+}
+
+AppIdentity browser() {
+    AppIdentity app;
+    app.bundleID = "com.example.browser";
+    app.displayName = "Browser";
+    app.executableName = "browser";
+    return app;
+}
+
+// One rule against one flow: the whole trace, so both the reason chosen and
+// its placeholder value are pinned.
+TEST(RuleEngineTest, TraceOfOneRule) {
+    const AppIdentity nobody;
+    AppIdentity emptyDisplay = browser();
+    emptyDisplay.displayName = "";
+    struct {
+        const char* title;
+        RuleSpec rule;
+        AppIdentity app;
+        std::string host;
+        std::uint16_t port;
+        FlowTransport transport;
+        Trace expected;
+    } cases[] = {
+        {"empty lists match everything",
+         {},
+         nobody,
+         "",
+         0,
+         FlowTransport::udp,
+         {{"R", true, "命中"}}},
+        {"disabled, conditions not looked at",
+         {.hosts = {"*"}, .enabled = false},
+         browser(),
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "规则已停用"}, noFallback}},
+        {"tcp flow, udp rule, apps not looked at",
+         {.apps = {"Other"}, .transport = FlowTransport::udp},
+         browser(),
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "传输层不匹配（规则限 udp）"}, noFallback}},
+        {"udp flow, tcp rule",
+         {.transport = FlowTransport::tcp},
+         browser(),
+         "",
+         443,
+         FlowTransport::udp,
+         {{"R", false, "传输层不匹配（规则限 tcp）"}, noFallback}},
+        {"any flow passes transport",
+         {.transport = FlowTransport::udp},
+         browser(),
+         "a.com",
+         1,
+         FlowTransport::any,
+         {{"R", true, "命中"}}},
+        {"same transport",
+         {.transport = FlowTransport::tcp},
+         browser(),
+         "a.com",
+         1,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"app miss names bestDescription",
+         {.apps = {"Other", "com.other.*"}},
+         browser(),
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "应用不匹配（Browser）"}, noFallback}},
+        {"app miss with empty displayName",
+         {.apps = {"Other"}},
+         emptyDisplay,
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "应用不匹配（）"}, noFallback}},
+        {"all-absent identity is unknown",
+         {.apps = {"*"}},
+         nobody,
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "应用不匹配（unknown）"}, noFallback}},
+        {"second app pattern hits",
+         {.apps = {"Other", "BROWSER"}},
+         browser(),
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"apps are trimmed",
+         {.apps = {" \tBrowser "}},
+         browser(),
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"empty app element dropped",
+         {.apps = {""}},
+         nobody,
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"blank app element stays",
+         {.apps = {"  "}},
+         browser(),
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "应用不匹配（Browser）"}, noFallback}},
+        {"host miss names host",
+         {.hosts = {"*.example.com"}},
+         browser(),
+         "example.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "目标主机不匹配（example.com）"}, noFallback}},
+        {"cidr against a name",
+         {.hosts = {"0.0.0.0/0"}},
+         browser(),
+         "example.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", false, "目标主机不匹配（example.com）"}, noFallback}},
+        {"udp empty host",
+         {.hosts = {"*.example.com", "0.0.0.0/0"}},
+         browser(),
+         "",
+         443,
+         FlowTransport::udp,
+         {{"R", false, "目标主机不匹配（）"}, noFallback}},
+        {"udp empty host against *",
+         {.hosts = {"*"}},
+         browser(),
+         "",
+         443,
+         FlowTransport::udp,
+         {{"R", true, "命中"}}},
+        {"empty host element dropped",
+         {.hosts = {""}},
+         browser(),
+         "a.com",
+         443,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"range host hit",
+         {.hosts = {"x.com", "10.0.0.1-10.0.0.5"}},
+         browser(),
+         "10.0.0.5",
+         443,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"port miss",
+         {.ports = {"80", "8000-9000"}},
+         browser(),
+         "a.com",
+         9001,
+         FlowTransport::tcp,
+         {{"R", false, "端口不匹配（9001）"}, noFallback}},
+        {"port range end",
+         {.ports = {"80", "8000-9000"}},
+         browser(),
+         "a.com",
+         9000,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"port 0 miss",
+         {.ports = {"1-65535"}},
+         browser(),
+         "a.com",
+         0,
+         FlowTransport::tcp,
+         {{"R", false, "端口不匹配（0）"}, noFallback}},
+        {"invalid ports leave no condition",
+         {.ports = {"80,443", "", "9000-8000"}},
+         browser(),
+         "a.com",
+         1234,
+         FlowTransport::tcp,
+         {{"R", true, "命中"}}},
+        {"host checked before port",
+         {.hosts = {"b.com"}, .ports = {"1"}},
+         browser(),
+         "a.com",
+         2,
+         FlowTransport::tcp,
+         {{"R", false, "目标主机不匹配（a.com）"}, noFallback}},
+        {"app checked before host",
+         {.apps = {"x"}, .hosts = {"b.com"}},
+         browser(),
+         "a.com",
+         2,
+         FlowTransport::tcp,
+         {{"R", false, "应用不匹配（Browser）"}, noFallback}},
+    };
+    for (const auto& c : cases) {
+        const RuleEngine engine(makeProfile({makeRule(c.rule)}));
+        const Verdict verdict = engine.match(c.app, c.host, c.port, c.transport);
+        EXPECT_EQ(verdict.trace, c.expected) << c.title;
+        EXPECT_EQ(verdict.matchedRule.has_value(), c.expected.back().ruleName == "R") << c.title;
+    }
+}
+
+TEST(RuleEngineTest, NoRulesIsDirectWithOneEntry) {
+    const RuleEngine engine(makeProfile({}));
+    const Verdict verdict = engine.match(browser(), "a.com", 443, FlowTransport::tcp);
+    EXPECT_EQ(verdict.trace, Trace{noFallback});
+    EXPECT_EQ(verdict.resolved, Verdict::Resolved{Verdict::Direct{}});
+    EXPECT_EQ(verdict.quicPolicy, QUICPolicy::direct);
+    EXPECT_FALSE(verdict.matchedRule);
+}
+
+TEST(RuleEngineTest, EvaluatesInGuardOrderAndStopsAtFirstHit) {
+    const Rule defaultRule = makeRule({.name = "Default", .locked = true});
+    const Rule a = makeRule({.name = "A", .hosts = {"a.com"}});
+    const Rule localhost = makeRule({.name = "Localhost", .hosts = {"localhost"}, .locked = true});
+    const Rule b = makeRule({.name = "B", .action = RuleAction::block()});
+    const Rule c = makeRule({.name = "C"});
+    const Rule strayLocked = makeRule({.name = "Pinned", .locked = true});
+    const Rule lowerLocalhost = makeRule({.name = "localhost", .locked = true});
+    const RuleEngine engine(
+        makeProfile({strayLocked, defaultRule, a, lowerLocalhost, localhost, b, c}));
+
+    const Verdict verdict = engine.match(browser(), "b.com", 443, FlowTransport::tcp);
+    EXPECT_EQ(verdict.trace, (Trace{{"Localhost", false, "目标主机不匹配（b.com）"},
+                                    {"A", false, "目标主机不匹配（b.com）"},
+                                    {"B", true, "命中"}}));
+    EXPECT_EQ(verdict.matchedRule, b);
+    EXPECT_EQ(verdict.resolved, Verdict::Resolved{Verdict::Block{}});
+    EXPECT_EQ(verdict.actionDescription(), "block");
+
+    const Verdict local = engine.match(browser(), "LOCALHOST", 80, FlowTransport::tcp);
+    EXPECT_EQ(local.trace, (Trace{{"Localhost", true, "命中"}}));
+    EXPECT_EQ(local.quicPolicy, QUICPolicy::fallback);
+}
+
+TEST(RuleEngineTest, DisabledDefaultFallsThroughToNoRule) {
+    const Rule localhost = makeRule({.name = "Localhost", .hosts = {"localhost"}, .locked = true});
+    const Rule defaultRule = makeRule({.name = "Default", .enabled = false, .locked = true});
+    const RuleEngine engine(makeProfile({localhost, defaultRule}));
+    const Verdict verdict = engine.match(browser(), "a.com", 443, FlowTransport::tcp);
+    EXPECT_EQ(verdict.trace, (Trace{{"Localhost", false, "目标主机不匹配（a.com）"},
+                                    {"Default", false, "规则已停用"},
+                                    noFallback}));
+    EXPECT_EQ(verdict.quicPolicy, QUICPolicy::direct);
+    EXPECT_FALSE(verdict.matchedRule);
+}
+
+TEST(RuleEngineTest, ResolvesActions) {
+    const ProxyServer first = makeServer("First", "10.0.0.1", 1080);
+    ProxyServer duplicate = makeServer("Duplicate", "10.0.0.9", 9);
+    duplicate.id = first.id;
+    const ProxyServer second = makeServer("Second", "proxy.example.com", 3128, ProxyProtocol::http);
+    const UUID missing = UUID::random();
+    const ProxyChain withGap{UUID::random(), "gap", {first.id, missing, second.id}};
+    const ProxyChain emptyChain{UUID::random(), "empty", {}};
+    const ProxyChain allMissing{UUID::random(), "lost", {missing, UUID::random()}};
+    const ProxyChain twice{UUID::random(), "twice", {second.id, second.id}};
+    const std::vector<ProxyServer> proxies{first, duplicate, second};
+    const std::vector<ProxyChain> chains{withGap, emptyChain, allMissing, twice};
+
+    const Entry hit{"R", true, "命中"};
+    struct {
+        const char* title;
+        RuleAction action;
+        Verdict::Resolved expected;
+        Trace trace;
+    } cases[] = {
+        {"proxy, first of duplicate ids",
+         RuleAction::proxy(first.id),
+         Verdict::Proxy{{first}},
+         {hit}},
+        {"missing proxy",
+         RuleAction::proxy(missing),
+         Verdict::Direct{},
+         {{"R", false, "规则指向的代理不存在，回退直连"}, hit}},
+        {"missing chain",
+         RuleAction::chain(missing),
+         Verdict::Direct{},
+         {{"R", false, "规则指向的代理链不存在，回退直连"}, hit}},
+        {"chain id is not a proxy id",
+         RuleAction::chain(first.id),
+         Verdict::Direct{},
+         {{"R", false, "规则指向的代理链不存在，回退直连"}, hit}},
+        {"chain with missing middle hop",
+         RuleAction::chain(withGap.id),
+         Verdict::Proxy{{first, second}},
+         {hit}},
+        {"empty chain",
+         RuleAction::chain(emptyChain.id),
+         Verdict::Direct{},
+         {{"R", false, "代理链为空，回退直连"}, hit}},
+        {"chain of missing proxies",
+         RuleAction::chain(allMissing.id),
+         Verdict::Direct{},
+         {{"R", false, "代理链为空，回退直连"}, hit}},
+        {"chain naming one proxy twice",
+         RuleAction::chain(twice.id),
+         Verdict::Proxy{{second, second}},
+         {hit}},
+        {"interface passed on unexamined",
+         RuleAction::interface("utun99"),
+         Verdict::Interface{"utun99"},
+         {hit}},
+        {"direct", RuleAction::direct(), Verdict::Direct{}, {hit}},
+        {"block", RuleAction::block(), Verdict::Block{}, {hit}},
+    };
+    for (const auto& c : cases) {
+        const Rule rule = makeRule({.action = c.action, .quicPolicy = QUICPolicy::proxy});
+        const RuleEngine engine(makeProfile({rule}, proxies, chains));
+        const Verdict verdict = engine.match(browser(), "a.com", 443, FlowTransport::tcp);
+        EXPECT_EQ(verdict.resolved, c.expected) << c.title;
+        EXPECT_EQ(verdict.trace, c.trace) << c.title;
+        // A fallback does not undo the match.
+        EXPECT_EQ(verdict.matchedRule, rule) << c.title;
+        EXPECT_EQ(verdict.quicPolicy, QUICPolicy::proxy) << c.title;
+    }
+}
+
+TEST(RuleEngineTest, DescribesAction) {
+    ProxyServer a = makeServer("Home", "10.0.0.1", 1080);
+    ProxyServer b = makeServer("Office", "::1", 8080, ProxyProtocol::http);
+    struct {
+        Verdict::Resolved resolved;
+        const char* expected;
+    } cases[] = {
+        {Verdict::Proxy{{a}}, "proxy Home (10.0.0.1:1080 socks5)"},
+        {Verdict::Proxy{{a, b}},
+         "proxy Home (10.0.0.1:1080 socks5) \xE2\x86\x92 Office (::1:8080 http)"},
+        {Verdict::Interface{"utun4"}, "interface utun4"},
+        {Verdict::Direct{}, "direct"},
+        {Verdict::Block{}, "block"},
+    };
+    for (const auto& c : cases) {
+        Verdict verdict;
+        verdict.resolved = c.resolved;
+        EXPECT_EQ(verdict.actionDescription(), c.expected);
+    }
+}
+
+TEST(RuleEngineTest, ReasonsGoThroughMessageLookup) {
+    installMessageCatalogue({{"命中", "hit"},
+                             {"端口不匹配（%lld）", "port %lld"},
+                             {"(无兜底规则)", "(none)"},
+                             {"默认直连", "direct by default"}});
+    const RuleEngine engine(makeProfile({makeRule({.name = "P", .ports = {"1"}})}));
+    const Verdict miss = engine.match(browser(), "a.com", 2, FlowTransport::tcp);
+    const Verdict hit = engine.match(browser(), "a.com", 1, FlowTransport::tcp);
+    installMessageCatalogue({});
+    EXPECT_EQ(miss.trace, (Trace{{"P", false, "port 2"}, {"(none)", true, "direct by default"}}));
+    EXPECT_EQ(hit.trace, (Trace{{"P", true, "hit"}}));
+}
+
+TEST(RuleEngineTest, MatchesFromManyThreads) {
+    std::vector<Rule> rules;
+    for (int i = 0; i < 50; ++i) {
+        rules.push_back(makeRule({.name = "R" + std::to_string(i),
+                                  .apps = {"App" + std::to_string(i) + "*"},
+                                  .hosts = {"*.h" + std::to_string(i) + ".com"}}));
+    }
+    const RuleEngine engine(makeProfile(rules));
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int n = 0; n < 200; ++n) {
+                const int i = (n + t) % 50;
+                AppIdentity app;
+                app.executableName = "app" + std::to_string(i) + "-helper";
+                const Verdict v =
+                    engine.match(app, "x.H" + std::to_string(i) + ".com", 1, FlowTransport::tcp);
+                if (!v.matchedRule || v.matchedRule->name != "R" + std::to_string(i) ||
+                    v.trace.size() != std::size_t(i + 1)) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+} // namespace
