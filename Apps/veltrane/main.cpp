@@ -1,4 +1,5 @@
 #include "Commands.hpp"
+#include "ControlCommands.hpp"
 
 #include <iostream>
 
@@ -7,6 +8,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     veltrane::app::CommandRunner runner;
     veltrane::app::addTestRouteCommand(app, runner);
+    veltrane::app::addStatsCommand(app, runner);
+    veltrane::app::addEventsCommand(app, runner);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
