@@ -4,9 +4,10 @@ target_compile_options(veltrane_options INTERFACE -Wall -Wextra -Werror)
 target_include_directories(veltrane_options INTERFACE ${PROJECT_SOURCE_DIR}/Sources)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 reports these through asio, <functional> and std::string internals
-  # we cannot change (-Wrestrict fires on plain string concatenation at -O3).
+  # we cannot change (-Wrestrict and -Wstringop-overflow fire on plain string
+  # concatenation at -O3).
   target_compile_options(veltrane_options INTERFACE -Wno-maybe-uninitialized -Wno-mismatched-new-delete
-                         -Wno-restrict)
+                         -Wno-restrict -Wno-stringop-overflow)
 endif()
 
 if(VELTRANE_SANITIZE)

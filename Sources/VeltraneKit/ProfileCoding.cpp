@@ -191,8 +191,12 @@ Enum readEnum(const Json& value, const std::string& path,
     }
     std::string expected;
     for (auto item : all) {
-        expected += expected.empty() ? "" : ", ";
-        expected += "\"" + std::string(rawValue(item)) + "\"";
+        if (!expected.empty()) {
+            expected += ", ";
+        }
+        expected += '"';
+        expected.append(rawValue(item));
+        expected += '"';
     }
     fail(Kind::dataCorrupted, path,
          "unknown value " + quotedText(text) + ", expected one of " + expected);

@@ -38,28 +38,28 @@ public:
         return *hostCandidate_;
     }
 
-    const std::string& disabledReason() {
+    const SharedText& disabledReason() {
         return once(disabled_, [] { return RL("规则已停用"); });
     }
-    const std::string& transportReason(FlowTransport ruleTransport) {
+    const SharedText& transportReason(FlowTransport ruleTransport) {
         auto& slot = ruleTransport == FlowTransport::udp ? transportUDP_ : transportTCP_;
         return once(slot, [&] {
             return RL("传输层不匹配（规则限 %@）", {std::string(rawValue(ruleTransport))});
         });
     }
-    const std::string& appReason() {
+    const SharedText& appReason() {
         return once(appReason_, [&] { return RL("应用不匹配（%@）", {app_.bestDescription()}); });
     }
-    const std::string& hostReason() {
+    const SharedText& hostReason() {
         return once(hostReason_, [&] { return RL("目标主机不匹配（%@）", {std::string(host_)}); });
     }
-    const std::string& portReason() {
+    const SharedText& portReason() {
         return once(portReason_, [&] { return RL("端口不匹配（%lld）", {std::int64_t{port_}}); });
     }
 
 private:
     template <class Make>
-    static const std::string& once(std::optional<std::string>& slot, Make make) {
+    static const SharedText& once(std::optional<SharedText>& slot, Make make) {
         if (!slot) {
             slot.emplace(make());
         }
@@ -71,7 +71,7 @@ private:
     std::uint16_t port_;
     std::optional<AppCandidate> appCandidate_;
     std::optional<HostCandidate> hostCandidate_;
-    std::optional<std::string> disabled_, transportTCP_, transportUDP_, appReason_, hostReason_,
+    std::optional<SharedText> disabled_, transportTCP_, transportUDP_, appReason_, hostReason_,
         portReason_;
 };
 
@@ -225,7 +225,7 @@ Verdict RuleEngine::match(const AppIdentity& app, std::string_view host, std::ui
     MatchContext context(app, host, port);
     for (std::size_t index = 0; index < program.heads.size(); ++index) {
         const Program::Head& head = program.heads[index];
-        const std::string* reason = nullptr;
+        const SharedText* reason = nullptr;
         if (!head.enabled) {
             reason = &context.disabledReason();
         } else if (head.transport != FlowTransport::any && transport != FlowTransport::any &&

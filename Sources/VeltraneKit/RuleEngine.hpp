@@ -3,6 +3,7 @@
 #include "VeltraneKit/AppIdentity.hpp"
 #include "VeltraneKit/Matchers.hpp"
 #include "VeltraneKit/Profile.hpp"
+#include "VeltraneKit/SharedText.hpp"
 
 #include <memory>
 #include <optional>
@@ -32,7 +33,7 @@ struct Verdict {
     struct TraceEntry {
         std::string ruleName;
         bool matched = false;
-        std::string reason;
+        SharedText reason;
         friend bool operator==(const TraceEntry&, const TraceEntry&) = default;
     };
 
