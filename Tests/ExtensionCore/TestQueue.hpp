@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -55,20 +56,34 @@ private:
     std::vector<std::thread> threads_;
 };
 
-// The error a task threw, as its exact type; fails the test when it threw
-// nothing or something else.
-template <class E, class F>
-std::optional<E> errorOf(F&& run) {
+// Awaits `task` and hands back the error of type E it threw, caught on the
+// queue's thread; `other` tells what happened instead when there was none.
+// Errors cross to the test's thread as values, never as shared exception
+// objects.
+template <class E, class T>
+core::Awaitable<std::optional<E>> catching(core::Awaitable<T> task, std::string* other) {
+    std::optional<E> caught;
     try {
-        run();
+        co_await std::move(task);
+        *other = "no error";
     } catch (const E& error) {
-        return error;
-    } catch (const std::exception& other) {
-        ADD_FAILURE() << "unexpected error: " << other.what();
-        return std::nullopt;
+        caught = error;
+    } catch (const std::exception& error) {
+        *other = std::string("unexpected error: ") + error.what();
     }
-    ADD_FAILURE() << "no error";
-    return std::nullopt;
+    co_return caught;
+}
+
+// The error of type E that `task` threw; a test failure when it threw
+// nothing or something else. `queue` is a TestQueue or one like it.
+template <class E, class Queue, class T>
+std::optional<E> errorOf(Queue& queue, core::Awaitable<T> task) {
+    std::string other;
+    auto caught = queue.await(catching<E>(std::move(task), &other));
+    if (!caught) {
+        ADD_FAILURE() << other;
+    }
+    return caught;
 }
 
 } // namespace veltrane::test

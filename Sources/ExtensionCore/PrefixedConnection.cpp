@@ -1,0 +1,94 @@
+#include "ExtensionCore/PrefixedConnection.hpp"
+
+#include <algorithm>
+#include <asio.hpp>
+
+namespace veltrane::core {
+
+PrefixedConnection::PrefixedConnection(std::shared_ptr<platform::NWConnection> inner,
+                                       platform::Bytes prefix, platform::DispatchQueue& queue)
+    : inner_(std::move(inner)), queue_(queue), prefix_(std::move(prefix)) {}
+
+void PrefixedConnection::setStateUpdateHandler(StateUpdateHandler handler) {
+    inner_->setStateUpdateHandler(std::move(handler));
+}
+
+void PrefixedConnection::start(platform::DispatchQueue& queue) {
+    inner_->start(queue);
+}
+
+platform::NWConnectionState PrefixedConnection::state() const {
+    return inner_->state();
+}
+
+void PrefixedConnection::send(std::optional<platform::Bytes> content, SendCompletion completion) {
+    inner_->send(std::move(content), std::move(completion));
+}
+
+void PrefixedConnection::cancel() {
+    inner_->cancel();
+}
+
+platform::Bytes PrefixedConnection::takePrefix(std::size_t maximum) {
+    std::lock_guard guard(lock_);
+    std::size_t n = std::min(maximum, prefix_.size());
+    platform::Bytes taken(prefix_.begin(), prefix_.begin() + static_cast<std::ptrdiff_t>(n));
+    prefix_.erase(prefix_.begin(), prefix_.begin() + static_cast<std::ptrdiff_t>(n));
+    return taken;
+}
+
+void PrefixedConnection::receive(std::size_t minimumIncompleteLength, std::size_t maximumLength,
+                                 ReceiveCompletion completion) {
+    std::size_t available;
+    {
+        std::lock_guard guard(lock_);
+        available = prefix_.size();
+    }
+    if (available == 0) {
+        inner_->receive(minimumIncompleteLength, maximumLength, std::move(completion));
+        return;
+    }
+    if (available >= minimumIncompleteLength || available >= maximumLength) {
+        auto bytes = takePrefix(maximumLength);
+        asio::post(queue_,
+                   [completion = std::move(completion), bytes = std::move(bytes)]() mutable {
+                       completion(std::move(bytes), false, std::nullopt);
+                   });
+        return;
+    }
+    // Too little for the minimum: the rest comes from the inner connection.
+    auto head = takePrefix(available);
+    // Sizes first: the lambda below takes `head` away, and argument order
+    // is unspecified.
+    const std::size_t minimum = minimumIncompleteLength - head.size();
+    const std::size_t maximum = maximumLength - head.size();
+    inner_->receive(minimum, maximum,
+                    [head = std::move(head), completion = std::move(completion)](
+                        std::optional<platform::Bytes> data, bool isComplete,
+                        const std::optional<platform::NWError>& error) mutable {
+                        platform::Bytes joined = std::move(head);
+                        if (data) {
+                            joined.insert(joined.end(), data->begin(), data->end());
+                        }
+                        completion(std::move(joined), isComplete, error);
+                    });
+}
+
+void PrefixedConnection::receiveMessage(ReceiveCompletion completion) {
+    auto head = takePrefix(SIZE_MAX);
+    if (head.empty()) {
+        inner_->receiveMessage(std::move(completion));
+        return;
+    }
+    inner_->receiveMessage([head = std::move(head), completion = std::move(completion)](
+                               std::optional<platform::Bytes> data, bool isComplete,
+                               const std::optional<platform::NWError>& error) mutable {
+        platform::Bytes joined = std::move(head);
+        if (data) {
+            joined.insert(joined.end(), data->begin(), data->end());
+        }
+        completion(std::move(joined), isComplete, error);
+    });
+}
+
+} // namespace veltrane::core

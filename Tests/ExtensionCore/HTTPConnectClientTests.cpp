@@ -1,0 +1,218 @@
+#include "ExtensionCore/ConnectionSteps.hpp"
+#include "ExtensionCore/HTTPConnectClient.hpp"
+#include "ExtensionCore/PrefixedConnection.hpp"
+#include "ExtensionCore/TestBytes.hpp"
+#include "ExtensionCore/TestQueue.hpp"
+#include "Platform/memory/MemoryConnection.hpp"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+
+namespace veltrane::core {
+namespace {
+
+using platform::Bytes;
+using platform::MemoryConnection;
+using platform::MemoryConnectionService;
+using platform::NWConnectionState;
+using platform::NWError;
+using test::bytes;
+using test::concat;
+using test::errorOf;
+using test::TestQueue;
+using test::text;
+
+kit::ProxyServer httpProxy(std::optional<kit::ProxyCredentials> credentials = std::nullopt) {
+    kit::ProxyServer proxy;
+    proxy.address = "192.0.2.20";
+    proxy.port = 3128;
+    proxy.proto = kit::ProxyProtocol::http;
+    proxy.credentials = std::move(credentials);
+    return proxy;
+}
+
+const Bytes okHead = bytes("HTTP/1.1 200 Connection established\r\n\r\n");
+
+TEST(HTTPConnectClientTest, TunnelBytesAfterTheHeaderReachTheFlowFirst) {
+    TestQueue queue;
+    MemoryConnectionService service;
+    auto connection = MemoryConnection::make();
+    service.enqueue(connection);
+    connection->peerSend(concat({okHead, bytes("SSH-2.0-x")}));
+    connection->peerSend(bytes("\r\nmore"));
+
+    HTTPConnectClient client(httpProxy(kit::ProxyCredentials{"u", "p"}), service, queue.io());
+    auto upstream = queue.await(client.connect("example.com", 22));
+
+    EXPECT_EQ(text(connection->record().sent()), "CONNECT example.com:22 HTTP/1.1\r\n"
+                                                 "Host: example.com:22\r\n"
+                                                 "Proxy-Authorization: Basic dTpw\r\n"
+                                                 "Proxy-Connection: Keep-Alive\r\n\r\n");
+    EXPECT_EQ(connection->record().sends.size(), 1u);
+    using Limits = std::vector<std::pair<std::size_t, std::size_t>>;
+    EXPECT_EQ(connection->record().receiveLimits, (Limits{{1, 4096}}));
+    auto requests = service.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].host, "192.0.2.20");
+    EXPECT_EQ(requests[0].port, 3128);
+
+    // The early bytes come first, also when a read asks for fewer, then the rest.
+    auto first = queue.await(ConnectionSteps::receive(upstream, 1, 4));
+    EXPECT_EQ(first.data, bytes("SSH-"));
+    auto second = queue.await(ConnectionSteps::receive(upstream, 1, 32768));
+    EXPECT_EQ(second.data, bytes("2.0-x"));
+    auto third = queue.await(ConnectionSteps::receive(upstream, 1, 32768));
+    EXPECT_EQ(third.data, bytes("\r\nmore"));
+    // Everything else reaches the proxy connection itself.
+    upstream->cancel();
+    EXPECT_EQ(connection->record().cancels, 1u);
+}
+
+TEST(HTTPConnectClientTest, HeaderBlockOneByteAtATime) {
+    TestQueue queue;
+    MemoryConnectionService service;
+    auto connection = MemoryConnection::make();
+    service.enqueue(connection);
+    auto response = bytes("HTTP/1.0 200 OK\r\nVia: 1.1 proxy\r\n\r\n");
+    for (auto b : response) {
+        connection->peerSend({b});
+    }
+    HTTPConnectClient client(httpProxy(), service, queue.io());
+    auto upstream = queue.await(client.connect("2001:db8::1", 443));
+    EXPECT_EQ(upstream, connection);
+    EXPECT_EQ(connection->record().receiveCalls, response.size());
+    EXPECT_EQ(text(connection->record().sent()), "CONNECT 2001:db8::1:443 HTTP/1.1\r\n"
+                                                 "Host: 2001:db8::1:443\r\n"
+                                                 "Proxy-Connection: Keep-Alive\r\n\r\n");
+}
+
+TEST(HTTPConnectClientTest, FailingAtEveryStepGivesThatStepsError) {
+    const NWError reset = NWError::posix(ECONNRESET);
+    struct Case {
+        std::string name;
+        std::function<void(MemoryConnection&)> script;
+        HTTPProxyError expected;
+    };
+    std::vector<Case> cases = {
+        {"start fails",
+         [](MemoryConnection& c) {
+             c.setStartStates({{NWConnectionState::failed, NWError::posix(ECONNREFUSED)}});
+         },
+         HTTPProxyError::connectionFailed(NWError::posix(ECONNREFUSED).localizedDescription())},
+        {"start cancelled",
+         [](MemoryConnection& c) {
+             c.setStartStates({{NWConnectionState::waiting, std::nullopt},
+                               {NWConnectionState::cancelled, std::nullopt}});
+         },
+         HTTPProxyError::connectionFailed("cancelled")},
+        {"send fails",
+         [&](MemoryConnection& c) {
+             c.peerSend(okHead);
+             c.failSend(1, reset);
+         },
+         HTTPProxyError::connectionFailed(reset.localizedDescription())},
+        {"first read fails",
+         [&](MemoryConnection& c) {
+             c.peerSend(okHead);
+             c.failReceive(1, reset);
+         },
+         HTTPProxyError::connectionFailed(reset.localizedDescription())},
+        {"second read fails",
+         [&](MemoryConnection& c) {
+             c.peerSend(bytes("HTTP/1.1 200"));
+             c.peerSend(bytes(" OK\r\n\r\n"));
+             c.failReceive(2, reset);
+         },
+         HTTPProxyError::connectionFailed(reset.localizedDescription())},
+        {"empty read", [](MemoryConnection& c) { c.peerSend({}); },
+         HTTPProxyError::malformedResponse()},
+        {"closed before anything", [](MemoryConnection& c) { c.peerFinish(); },
+         HTTPProxyError::malformedResponse()},
+        {"closed with the last part of a block",
+         [](MemoryConnection& c) {
+             c.peerSend(bytes("HTTP/1.1 200 OK\r\n"));
+             c.peerFinish(true);
+         },
+         HTTPProxyError::malformedResponse()},
+        {"8192 bytes without the blank line",
+         [](MemoryConnection& c) {
+             for (int i = 0; i < 2; ++i) {
+                 c.peerSend(Bytes(4096, 'x'));
+             }
+             c.peerSend(bytes("\r\n\r\n"));
+         },
+         HTTPProxyError::malformedResponse()},
+        {"wrong password",
+         [](MemoryConnection& c) {
+             c.peerSend(bytes("HTTP/1.1 407 Proxy Authentication Required\r\n"
+                              "Proxy-Authenticate: Basic realm=\"x\"\r\n\r\n"));
+         },
+         HTTPProxyError::rejected(407, "Proxy Authentication Required")},
+        {"forbidden",
+         [](MemoryConnection& c) { c.peerSend(bytes("HTTP/1.1 403 Forbidden\r\n\r\n")); },
+         HTTPProxyError::rejected(403, "Forbidden")},
+        {"not HTTP",
+         [](MemoryConnection& c) {
+             c.peerSend(concat({test::hex("05 00"), bytes("\r\n\r\n")}));
+         },
+         HTTPProxyError::malformedResponse()},
+    };
+    const Bytes block = bytes("HTTP/1.1 200 OK\r\nVia: p\r\n\r\n");
+    for (std::size_t length = 1; length < block.size(); ++length) {
+        cases.push_back({"closed after " + std::to_string(length) + " bytes",
+                         [&block, length](MemoryConnection& c) {
+                             c.peerSend(Bytes(block.begin(),
+                                              block.begin() + static_cast<std::ptrdiff_t>(length)));
+                             c.peerFinish();
+                         },
+                         HTTPProxyError::malformedResponse()});
+    }
+    TestQueue queue;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        MemoryConnectionService service;
+        auto connection = MemoryConnection::make();
+        service.enqueue(connection);
+        c.script(*connection);
+        HTTPConnectClient client(httpProxy(), service, queue.io());
+        auto error = errorOf<HTTPProxyError>(queue, client.connect("h", 443));
+        EXPECT_EQ(error, c.expected);
+        EXPECT_EQ(connection->record().cancels, 0u);
+    }
+}
+
+TEST(PrefixedConnectionTest, PrefixComesBeforeTheConnectionsOwnBytes) {
+    struct Case {
+        const char* name;
+        std::size_t minimum;
+        std::size_t maximum;
+        bool message;
+        Bytes expected;
+    } cases[] = {
+        {"prefix alone when it is enough", 1, 100, false, bytes("ab")},
+        {"part of the prefix up to the maximum", 1, 1, false, bytes("a")},
+        {"prefix joined with the connection's bytes for the minimum", 3, 100, false, bytes("abcd")},
+        {"a whole message", 0, 0, true, bytes("abcd")},
+    };
+    TestQueue queue;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto inner = MemoryConnection::make();
+        inner->start(queue.io());
+        inner->peerSend(bytes("cd"));
+        auto connection = std::make_shared<PrefixedConnection>(inner, bytes("ab"), queue.io());
+        std::promise<Bytes> delivered;
+        auto completion = [&](std::optional<Bytes> data, bool, const std::optional<NWError>&) {
+            delivered.set_value(data.value_or(Bytes{}));
+        };
+        if (c.message) {
+            connection->receiveMessage(completion);
+        } else {
+            connection->receive(c.minimum, c.maximum, completion);
+        }
+        EXPECT_EQ(delivered.get_future().get(), c.expected);
+    }
+}
+
+} // namespace
+} // namespace veltrane::core

@@ -1,0 +1,155 @@
+#include "Support/EchoServers.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace veltrane::test {
+
+namespace {
+
+int boundLoopback(int type, std::uint16_t& port) {
+    int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+// Waits until `fd` is readable; false when `wake` fired instead.
+bool readable(int fd, int wake) {
+    pollfd fds[2] = {{fd, POLLIN, 0}, {wake, POLLIN, 0}};
+    while (::poll(fds, 2, -1) < 0) {
+    }
+    return (fds[1].revents & POLLIN) == 0;
+}
+
+} // namespace
+
+TCPEchoServer::TCPEchoServer() {
+    if (::pipe2(wake_, O_CLOEXEC) != 0) {
+        return;
+    }
+    listener_ = boundLoopback(SOCK_STREAM, port_);
+    if (listener_ >= 0 && ::listen(listener_, 64) != 0) {
+        ::close(listener_);
+        listener_ = -1;
+    }
+    if (listener_ >= 0) {
+        acceptor_ = std::thread([this] { acceptLoop(); });
+    }
+}
+
+TCPEchoServer::~TCPEchoServer() {
+    if (wake_[1] >= 0) {
+        char byte = 0;
+        [[maybe_unused]] auto n = ::write(wake_[1], &byte, 1);
+    }
+    if (acceptor_.joinable()) {
+        acceptor_.join();
+    }
+    {
+        std::lock_guard guard(lock_);
+        for (int fd : connections_) {
+            ::shutdown(fd, SHUT_RDWR);
+        }
+    }
+    for (auto& worker : workers_) {
+        worker.join();
+    }
+    for (int fd : connections_) {
+        ::close(fd);
+    }
+    for (int fd : {listener_, wake_[0], wake_[1]}) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+}
+
+void TCPEchoServer::acceptLoop() {
+    while (readable(listener_, wake_[0])) {
+        int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            continue;
+        }
+        std::lock_guard guard(lock_);
+        connections_.push_back(fd);
+        workers_.emplace_back([fd] { echo(fd); });
+    }
+}
+
+void TCPEchoServer::echo(int fd) {
+    char buffer[16384];
+    for (;;) {
+        ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+        if (n <= 0) {
+            break;
+        }
+        ssize_t at = 0;
+        while (at < n) {
+            ssize_t written =
+                ::send(fd, buffer + at, static_cast<std::size_t>(n - at), MSG_NOSIGNAL);
+            if (written <= 0) {
+                return;
+            }
+            at += written;
+        }
+    }
+    ::shutdown(fd, SHUT_WR);
+}
+
+UDPEchoServer::UDPEchoServer() {
+    if (::pipe2(wake_, O_CLOEXEC) != 0) {
+        return;
+    }
+    socket_ = boundLoopback(SOCK_DGRAM, port_);
+    if (socket_ >= 0) {
+        thread_ = std::thread([this] { loop(); });
+    }
+}
+
+UDPEchoServer::~UDPEchoServer() {
+    if (wake_[1] >= 0) {
+        char byte = 0;
+        [[maybe_unused]] auto n = ::write(wake_[1], &byte, 1);
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    for (int fd : {socket_, wake_[0], wake_[1]}) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+}
+
+void UDPEchoServer::loop() {
+    char buffer[65536];
+    while (readable(socket_, wake_[0])) {
+        sockaddr_storage from{};
+        socklen_t length = sizeof from;
+        ssize_t n = ::recvfrom(socket_, buffer, sizeof buffer, MSG_DONTWAIT,
+                               reinterpret_cast<sockaddr*>(&from), &length);
+        if (n < 0) {
+            continue;
+        }
+        ::sendto(socket_, buffer, static_cast<std::size_t>(n), 0,
+                 reinterpret_cast<sockaddr*>(&from), length);
+    }
+}
+
+} // namespace veltrane::test

@@ -1,0 +1,263 @@
+#include "Support/Peers.hpp"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <netinet/in.h>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace veltrane::test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Between two looks at something that has no event to wait on (a child's
+// listening socket, a child's exit).
+void pause() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+bool accepts(std::uint16_t port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return ok;
+}
+
+bool executable(const std::string& path) {
+    return ::access(path.c_str(), X_OK) == 0;
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::trunc);
+    out << text;
+    out.close();
+    ::chmod(path.c_str(), 0644);
+}
+
+} // namespace
+
+std::uint16_t freeLoopbackPort(int type) {
+    int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return 0;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    std::uint16_t port = 0;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+        port = ntohs(address.sin_port);
+    }
+    ::close(fd);
+    return port;
+}
+
+PeerProcess::PeerProcess(pid_t pid, std::uint16_t port, std::string directory)
+    : pid_(pid), port_(port), directory_(std::move(directory)) {}
+
+PeerProcess::~PeerProcess() {
+    stop();
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
+}
+
+void PeerProcess::stop() {
+    if (pid_ <= 0) {
+        return;
+    }
+    // The group is ours: the server and whatever it forked.
+    ::kill(-pid_, SIGTERM);
+    auto deadline = Clock::now() + std::chrono::seconds(5);
+    int status = 0;
+    while (::waitpid(pid_, &status, WNOHANG) == 0 && Clock::now() < deadline) {
+        pause();
+    }
+    // Whatever is left of the group, children the server orphaned included:
+    // as a subreaper this process inherited them and reaps them here.
+    ::kill(-pid_, SIGKILL);
+    while (::waitpid(-pid_, &status, 0) > 0) {
+    }
+    pid_ = -1;
+}
+
+std::string PeerProcess::log() const {
+    std::ifstream in(directory_ + "/log");
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::unique_ptr<PeerProcess> PeerProcess::start(const Launch& launch, std::string& whyNot) {
+    if (!executable(launch.program)) {
+        whyNot = launch.program + " is not installed";
+        return nullptr;
+    }
+    // Servers that fork (danted) leave their children behind when they end;
+    // those come to this process instead of init, so stop() can reap them.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        std::string pattern = "/tmp/vt-" + launch.name + "-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            whyNot = std::string("mkdtemp: ") + std::strerror(errno);
+            return nullptr;
+        }
+        ::chmod(pattern.c_str(), 0755);
+        std::uint16_t port = freeLoopbackPort(SOCK_STREAM);
+        auto arguments = launch.arguments(pattern, port);
+        std::vector<char*> argv;
+        for (auto& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        std::string logPath = pattern + "/log";
+
+        pid_t pid = ::fork();
+        if (pid < 0) {
+            whyNot = std::string("fork: ") + std::strerror(errno);
+            return nullptr;
+        }
+        if (pid == 0) {
+            ::setpgid(0, 0);
+            int log = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            int null = ::open("/dev/null", O_RDONLY);
+            if (log >= 0) {
+                ::dup2(log, STDOUT_FILENO);
+                ::dup2(log, STDERR_FILENO);
+            }
+            if (null >= 0) {
+                ::dup2(null, STDIN_FILENO);
+            }
+            ::execv(launch.program.c_str(), argv.data());
+            ::_exit(127);
+        }
+        ::setpgid(pid, pid); // also from here, so the group exists before any kill
+        std::unique_ptr<PeerProcess> process(new PeerProcess(pid, port, pattern));
+
+        auto deadline = Clock::now() + std::chrono::seconds(10);
+        bool exited = false;
+        while (Clock::now() < deadline) {
+            int status = 0;
+            if (::waitpid(pid, &status, WNOHANG) == pid) {
+                exited = true;
+                process->pid_ = -1;
+                break;
+            }
+            if (accepts(port)) {
+                return process;
+            }
+            pause();
+        }
+        whyNot = launch.name + " did not start on port " + std::to_string(port) +
+                 (exited ? " (it exited)" : " (timed out)") + ":\n" + process->log();
+        // Another attempt on a fresh port, in case the port was taken meanwhile.
+    }
+    return nullptr;
+}
+
+namespace {
+
+std::vector<std::string> microsocksArguments(std::uint16_t port,
+                                             const std::optional<UserPass>& credentials) {
+    std::vector<std::string> arguments{"/usr/bin/microsocks", "-i", "127.0.0.1", "-p",
+                                       std::to_string(port)};
+    if (credentials) {
+        arguments.insert(arguments.end(), {"-u", credentials->user, "-P", credentials->password});
+    }
+    return arguments;
+}
+
+std::vector<std::string> danteArguments(const std::string& directory, std::uint16_t port) {
+    // Loopback only, both ways; UDP replies come back from the relayed peer.
+    writeFile(directory + "/danted.conf", "logoutput: stderr\n"
+                                          "internal: 127.0.0.1 port = " +
+                                              std::to_string(port) +
+                                              "\n"
+                                              "external: 127.0.0.1\n"
+                                              "socksmethod: none\n"
+                                              "clientmethod: none\n"
+                                              "user.privileged: root\n"
+                                              "user.unprivileged: nobody\n"
+                                              "client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n"
+                                              "socks pass { from: 127.0.0.0/8 to: 127.0.0.0/8 "
+                                              "command: connect udpassociate }\n"
+                                              "socks pass { from: 127.0.0.0/8 to: 127.0.0.0/8 "
+                                              "command: udpreply }\n");
+    return {"/usr/sbin/danted",
+            "-f",
+            directory + "/danted.conf",
+            "-p",
+            directory + "/danted.pid",
+            "-N",
+            "1"};
+}
+
+std::vector<std::string> tinyproxyArguments(const std::string& directory, std::uint16_t port,
+                                            const std::optional<UserPass>& credentials) {
+    // No ConnectPort line: CONNECT is allowed to every port.
+    std::string config = "Port " + std::to_string(port) +
+                         "\n"
+                         "Listen 127.0.0.1\n"
+                         "Timeout 60\n"
+                         "Allow 127.0.0.1\n"
+                         "LogLevel Info\n"
+                         "MaxClients 64\n";
+    if (::geteuid() == 0) {
+        config += "User nobody\nGroup nogroup\n";
+    }
+    if (credentials) {
+        config += "BasicAuth " + credentials->user + " " + credentials->password + "\n";
+    }
+    writeFile(directory + "/tinyproxy.conf", config);
+    return {"/usr/bin/tinyproxy", "-d", "-c", directory + "/tinyproxy.conf"};
+}
+
+} // namespace
+
+std::unique_ptr<PeerProcess> startMicrosocks(std::string& whyNot,
+                                             const std::optional<UserPass>& credentials) {
+    auto arguments = [credentials](const std::string&, std::uint16_t port) {
+        return microsocksArguments(port, credentials);
+    };
+    return PeerProcess::start({"/usr/bin/microsocks", "microsocks", arguments}, whyNot);
+}
+
+std::unique_ptr<PeerProcess> startDante(std::string& whyNot) {
+    if (::geteuid() != 0) {
+        whyNot = "danted needs root to switch users";
+        return nullptr;
+    }
+    return PeerProcess::start({"/usr/sbin/danted", "danted", danteArguments}, whyNot);
+}
+
+std::unique_ptr<PeerProcess> startTinyproxy(std::string& whyNot,
+                                            const std::optional<UserPass>& credentials) {
+    auto arguments = [credentials](const std::string& directory, std::uint16_t port) {
+        return tinyproxyArguments(directory, port, credentials);
+    };
+    return PeerProcess::start({"/usr/bin/tinyproxy", "tinyproxy", arguments}, whyNot);
+}
+
+} // namespace veltrane::test
