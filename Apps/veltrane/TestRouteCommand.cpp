@@ -1,5 +1,4 @@
 #include "Commands.hpp"
-
 #include "VeltraneKit/ProfileCoding.hpp"
 #include "VeltraneKit/RuleEngine.hpp"
 #include "VeltraneKit/TestRouteDTO.hpp"
@@ -81,8 +80,7 @@ void addTestRouteCommand(CLI::App& app, CommandRunner& runner) {
     auto options = std::make_shared<TestRouteOptions>();
     auto* command = app.add_subcommand(
         "test-route", "Show which route a profile gives one connection, and why, rule by rule");
-    command->add_option("--profile", options->profilePath, "Profile JSON file")
-        ->required();
+    command->add_option("--profile", options->profilePath, "Profile JSON file")->required();
     command
         ->add_option("--app", options->app,
                      "Application, as a rule names it (bundle id, display or executable name)")
@@ -94,7 +92,8 @@ void addTestRouteCommand(CLI::App& app, CommandRunner& runner) {
         ->check(CLI::Range(0, 65535));
     command->add_flag("--udp", options->udp, "Test a UDP flow instead of TCP");
     command->add_flag("--json", options->json, "Print the route test as JSON");
-    command->callback([options, &runner] { runner = [options] { return runTestRoute(*options); }; });
+    command->callback(
+        [options, &runner] { runner = [options] { return runTestRoute(*options); }; });
 }
 
 } // namespace veltrane::app

@@ -16,11 +16,11 @@ namespace veltrane::kit {
 class ProfileDecodingError final : public Error {
 public:
     enum class Kind {
-        syntax,       // not JSON at all
-        keyNotFound,  // a required key is missing
+        syntax,        // not JSON at all
+        keyNotFound,   // a required key is missing
         valueNotFound, // a required key is null
-        typeMismatch, // a value of the wrong JSON type
-        dataCorrupted // right type, bad value: port range, UUID, enum text
+        typeMismatch,  // a value of the wrong JSON type
+        dataCorrupted  // right type, bad value: port range, UUID, enum text
     };
 
     ProfileDecodingError(Kind kind, std::string path, std::string detail);

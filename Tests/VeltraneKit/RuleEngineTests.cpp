@@ -15,7 +15,7 @@ using Trace = std::vector<Entry>;
 const char* const noFallbackName = "(无兜底规则)";
 const Entry noFallback{noFallbackName, true, "默认直连"};
 
-struct RuleSpec {
+struct RuleFields {
     std::string name = "R";
     std::vector<std::string> apps{};
     std::vector<std::string> hosts{};
@@ -27,18 +27,18 @@ struct RuleSpec {
     QUICPolicy quicPolicy = QUICPolicy::fallback;
 };
 
-Rule makeRule(const RuleSpec& spec) {
+Rule makeRule(const RuleFields& fields) {
     Rule rule;
     rule.id = UUID::random();
-    rule.name = spec.name;
-    rule.enabled = spec.enabled;
-    rule.apps = spec.apps;
-    rule.hosts = spec.hosts;
-    rule.ports = spec.ports;
-    rule.transport = spec.transport;
-    rule.action = spec.action;
-    rule.quicPolicy = spec.quicPolicy;
-    rule.locked = spec.locked;
+    rule.name = fields.name;
+    rule.enabled = fields.enabled;
+    rule.apps = fields.apps;
+    rule.hosts = fields.hosts;
+    rule.ports = fields.ports;
+    rule.transport = fields.transport;
+    rule.action = fields.action;
+    rule.quicPolicy = fields.quicPolicy;
+    rule.locked = fields.locked;
     return rule;
 }
 
@@ -74,7 +74,7 @@ TEST(RuleEngineTest, TraceOfOneRule) {
     emptyDisplay.displayName = "";
     struct {
         const char* title;
-        RuleSpec rule;
+        RuleFields rule;
         AppIdentity app;
         std::string host;
         std::uint16_t port;
