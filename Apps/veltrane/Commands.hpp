@@ -5,17 +5,13 @@
 
 namespace veltrane::app {
 
-// Each verb adds its subcommand to the app and sets its callback. A callback
-// returns the process's exit status through CommandResult.
-struct CommandResult {
-    int status = 0;
-};
-
 // Exit statuses shared by the verbs.
 inline constexpr int exitOK = 0;
 inline constexpr int exitUnavailable = 1; // nothing to talk to (no extension running)
 inline constexpr int exitBadInput = 2;    // a file or argument that does not read
 
+// Each verb adds its subcommand to the app and, when it is chosen, leaves in
+// the runner the work to do; the runner's result is the exit status.
 using CommandRunner = std::function<int()>;
 
 // Registers "test-route".
