@@ -3,6 +3,7 @@
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <cerrno>
+#include <utility>
 
 namespace veltrane::platform {
 
@@ -399,8 +400,32 @@ void MemoryConnection::run(Actions actions) {
         }
         return;
     }
-    for (auto& action : actions) {
-        asio::post(*queue, std::move(action));
+    bool post = false;
+    {
+        std::lock_guard guard(serialMutex_);
+        for (auto& action : actions) {
+            serial_.push_back(std::move(action));
+        }
+        post = !std::exchange(draining_, true);
+    }
+    if (post) {
+        asio::post(*queue, [self = shared_from_this(), this] { drain(); });
+    }
+}
+
+void MemoryConnection::drain() {
+    for (;;) {
+        std::function<void()> action;
+        {
+            std::lock_guard guard(serialMutex_);
+            if (serial_.empty()) {
+                draining_ = false;
+                return;
+            }
+            action = std::move(serial_.front());
+            serial_.pop_front();
+        }
+        action();
     }
 }
 

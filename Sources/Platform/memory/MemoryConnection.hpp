@@ -35,8 +35,10 @@ namespace veltrane::platform {
 //
 // Every completion is posted on the queue given to start(), never run inside
 // the call that started the operation (before start() there is no queue:
-// what ends then, by cancel or announce, completes inside that call). All
-// calls are safe from any thread.
+// what ends then, by cancel or announce, completes inside that call). As
+// with a real connection, one connection's completions and state reports run
+// one at a time, in the order they arose, even on a queue run by several
+// threads. All calls are safe from any thread.
 class MemoryConnection final : public NWConnection {
 public:
     struct StateStep {
@@ -135,8 +137,14 @@ private:
     void completeSend(SendCompletion completion, std::optional<NWError> error, Actions& actions);
     std::optional<NWError> endError() const;
     void run(Actions actions);
+    void drain();
 
     mutable std::mutex mutex_;
+    // Completions waiting to run in order; `draining_` while one posted call
+    // is running them. Separate from mutex_ so completions may call back in.
+    std::mutex serialMutex_;
+    std::deque<std::function<void()>> serial_;
+    bool draining_ = false;
     mutable std::condition_variable changed_;
     Record record_;
     DispatchQueue* queue_ = nullptr;
