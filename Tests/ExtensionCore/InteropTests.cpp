@@ -238,6 +238,45 @@ TEST_F(InteropTest, TinyproxyWithBasicAuthentication) {
     EXPECT_EQ(ErrorHumanizer::humanize(*wrong), "代理拒绝了连接（HTTP 401 Unauthorized）");
 }
 
+TEST_F(InteropTest, SquidConnect) {
+    std::string whyNot;
+    auto http = test::startSquid(whyNot);
+    if (!http) {
+        GTEST_SKIP() << whyNot;
+    }
+    expectTunnel(loopbackProxy(kit::ProxyProtocol::http, http->port()));
+}
+
+TEST_F(InteropTest, SquidWithBasicAuthentication) {
+    std::string whyNot;
+    auto http = test::startSquid(whyNot, UserPass{"carol", "p4ss:word"});
+    if (!http) {
+        GTEST_SKIP() << whyNot;
+    }
+    expectTunnel(loopbackProxy(kit::ProxyProtocol::http, http->port(),
+                               kit::ProxyCredentials{"carol", "p4ss:word"}));
+
+    // This proxy answers both missing and wrong credentials with 407.
+    const struct {
+        const char* name;
+        std::optional<kit::ProxyCredentials> credentials;
+    } cases[] = {
+        {"wrong password", kit::ProxyCredentials{"carol", "p4ss:wore"}},
+        {"unknown user", kit::ProxyCredentials{"mallory", "p4ss:word"}},
+        {"none", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto refused = failure<HTTPProxyError>(
+            loopbackProxy(kit::ProxyProtocol::http, http->port(), c.credentials));
+        ASSERT_TRUE(refused);
+        EXPECT_EQ(refused->kind(), HTTPProxyError::Case::rejected);
+        EXPECT_EQ(refused->status(), 407);
+        EXPECT_EQ(refused->localizedDescription(), "代理认证失败（用户名或密码可能不对）");
+        EXPECT_EQ(ErrorHumanizer::humanize(*refused), "代理认证失败（用户名或密码可能不对）");
+    }
+}
+
 TEST_F(InteropTest, NothingListening) {
     auto port = test::freeLoopbackPort(SOCK_STREAM);
     auto socks = failure<SOCKSError>(loopbackProxy(kit::ProxyProtocol::socks5, port));

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
+#include <pwd.h>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -55,6 +56,43 @@ void writeFile(const std::string& path, const std::string& text) {
     ::chmod(path.c_str(), 0644);
 }
 
+// Every process below `root`, read from /proc. Only processes in another
+// group need this; the rest end with the group.
+std::vector<pid_t> descendantsOf(pid_t root) {
+    std::vector<std::pair<pid_t, pid_t>> parents; // (pid, parent)
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const auto name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        std::getline(stat, line);
+        // "pid (comm) state ppid ...": comm may hold spaces and parentheses.
+        auto close = line.rfind(')');
+        if (close == std::string::npos) {
+            continue;
+        }
+        std::istringstream rest(line.substr(close + 1));
+        std::string state;
+        pid_t parent = 0;
+        if (rest >> state >> parent) {
+            parents.emplace_back(static_cast<pid_t>(std::stol(name)), parent);
+        }
+    }
+    std::vector<pid_t> found{root};
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        for (const auto& [pid, parent] : parents) {
+            if (parent == found[i]) {
+                found.push_back(pid);
+            }
+        }
+    }
+    found.erase(found.begin());
+    return found;
+}
+
 } // namespace
 
 std::uint16_t freeLoopbackPort(int type) {
@@ -88,6 +126,10 @@ void PeerProcess::stop() {
     if (pid_ <= 0) {
         return;
     }
+    // Helpers that left the group (squid puts each in a session of its own)
+    // are found by parentage, while the server is still alive to be their
+    // parent.
+    auto helpers = descendantsOf(pid_);
     // The group is ours: the server and whatever it forked.
     ::kill(-pid_, SIGTERM);
     auto deadline = Clock::now() + std::chrono::seconds(5);
@@ -99,6 +141,14 @@ void PeerProcess::stop() {
     // as a subreaper this process inherited them and reaps them here.
     ::kill(-pid_, SIGKILL);
     while (::waitpid(-pid_, &status, 0) > 0) {
+    }
+    // With the server gone its helpers are this process's children (it is a
+    // subreaper); one not ours any more was reaped by the server already.
+    for (pid_t helper : helpers) {
+        if (::waitpid(helper, &status, WNOHANG) == 0) {
+            ::kill(helper, SIGKILL);
+            ::waitpid(helper, &status, 0);
+        }
     }
     pid_ = -1;
 }
@@ -234,6 +284,72 @@ std::vector<std::string> tinyproxyArguments(const std::string& directory, std::u
     return {"/usr/bin/tinyproxy", "-d", "-c", directory + "/tinyproxy.conf"};
 }
 
+std::string run(const std::string& command) {
+    std::string output;
+    if (FILE* pipe = ::popen(command.c_str(), "r")) {
+        char buffer[256];
+        while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) {
+            output += buffer;
+        }
+        ::pclose(pipe);
+    }
+    return output;
+}
+
+std::vector<std::string> squidArguments(const std::string& directory, std::uint16_t port,
+                                        const std::optional<UserPass>& credentials) {
+    // Only the forward path: no cache, no DNS (targets are addresses), no
+    // ICMP pinger, and none of the stock port rules that would refuse
+    // CONNECT to the echo server's port.
+    std::ostringstream text;
+    text << "http_port 127.0.0.1:" << port << "\n"
+         << "pid_filename " << directory << "/squid.pid\n"
+         << "access_log stdio:" << directory << "/access.log\n"
+         << "cache_log " << directory << "/cache.log\n"
+         << "cache_store_log none\n"
+         << "coredump_dir " << directory << "\n"
+         << "cache deny all\n"
+         << "shutdown_lifetime 0 seconds\n"
+         << "dns_nameservers 127.0.0.1\n"
+         << "dns_defnames off\n"
+         << "check_hostnames off\n"
+         << "hosts_file none\n"
+         << "pinger_enable off\n";
+    std::string config = text.str();
+    if (::geteuid() == 0) {
+        // squid will not serve as root; the account it drops to writes the
+        // logs here.
+        config += "cache_effective_user proxy\n";
+        if (auto* account = ::getpwnam("proxy")) {
+            [[maybe_unused]] int ignored =
+                ::chown(directory.c_str(), account->pw_uid, account->pw_gid);
+        }
+    }
+    if (credentials) {
+        std::string quoted;
+        for (char c : credentials->password) {
+            quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        }
+        // basic_ncsa_auth reads APR1 hashes.
+        auto hash = run("openssl passwd -apr1 '" + quoted + "'");
+        while (!hash.empty() && (hash.back() == '\n' || hash.back() == '\r')) {
+            hash.pop_back();
+        }
+        writeFile(directory + "/passwd", credentials->user + ":" + hash + "\n");
+        config += "auth_param basic program /usr/lib/squid/basic_ncsa_auth " + directory +
+                  "/passwd\n"
+                  "auth_param basic children 1\n"
+                  "acl authed proxy_auth REQUIRED\n"
+                  "http_access allow localhost authed\n";
+    } else {
+        config += "http_access allow localhost\n";
+    }
+    config += "http_access deny all\n";
+    writeFile(directory + "/squid.conf", config);
+    // -d 1 copies cache.log to stderr, so a failed start explains itself.
+    return {"/usr/sbin/squid", "-N", "-d", "1", "-f", directory + "/squid.conf"};
+}
+
 } // namespace
 
 std::unique_ptr<PeerProcess> startMicrosocks(std::string& whyNot,
@@ -258,6 +374,14 @@ std::unique_ptr<PeerProcess> startTinyproxy(std::string& whyNot,
         return tinyproxyArguments(directory, port, credentials);
     };
     return PeerProcess::start({"/usr/bin/tinyproxy", "tinyproxy", arguments}, whyNot);
+}
+
+std::unique_ptr<PeerProcess> startSquid(std::string& whyNot,
+                                        const std::optional<UserPass>& credentials) {
+    auto arguments = [credentials](const std::string& directory, std::uint16_t port) {
+        return squidArguments(directory, port, credentials);
+    };
+    return PeerProcess::start({"/usr/sbin/squid", "squid", arguments}, whyNot);
 }
 
 } // namespace veltrane::test

@@ -69,6 +69,12 @@ std::unique_ptr<PeerProcess> startDante(std::string& whyNot);
 std::unique_ptr<PeerProcess> startTinyproxy(std::string& whyNot,
                                             const std::optional<UserPass>& credentials = {});
 
+// squid allowing CONNECT to any port from loopback, with Basic
+// authentication when credentials are given. Unlike tinyproxy it answers
+// wrong credentials with 407.
+std::unique_ptr<PeerProcess> startSquid(std::string& whyNot,
+                                        const std::optional<UserPass>& credentials = {});
+
 // A port on 127.0.0.1 that was free a moment ago.
 std::uint16_t freeLoopbackPort(int type);
 
