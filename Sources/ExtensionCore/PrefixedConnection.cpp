@@ -5,6 +5,25 @@
 
 namespace veltrane::core {
 
+namespace {
+
+// A completion that hands on the held-back bytes ahead of what the inner
+// connection delivered.
+platform::NWConnection::ReceiveCompletion
+prepending(platform::Bytes head, platform::NWConnection::ReceiveCompletion completion) {
+    return [head = std::move(head), completion = std::move(completion)](
+               std::optional<platform::Bytes> data, bool isComplete,
+               const std::optional<platform::NWError>& error) mutable {
+        platform::Bytes joined = std::move(head);
+        if (data) {
+            joined.insert(joined.end(), data->begin(), data->end());
+        }
+        completion(std::move(joined), isComplete, error);
+    };
+}
+
+} // namespace
+
 PrefixedConnection::PrefixedConnection(std::shared_ptr<platform::NWConnection> inner,
                                        platform::Bytes prefix, platform::DispatchQueue& queue)
     : inner_(std::move(inner)), queue_(queue), prefix_(std::move(prefix)) {}
@@ -62,16 +81,7 @@ void PrefixedConnection::receive(std::size_t minimumIncompleteLength, std::size_
     // is unspecified.
     const std::size_t minimum = minimumIncompleteLength - head.size();
     const std::size_t maximum = maximumLength - head.size();
-    inner_->receive(minimum, maximum,
-                    [head = std::move(head), completion = std::move(completion)](
-                        std::optional<platform::Bytes> data, bool isComplete,
-                        const std::optional<platform::NWError>& error) mutable {
-                        platform::Bytes joined = std::move(head);
-                        if (data) {
-                            joined.insert(joined.end(), data->begin(), data->end());
-                        }
-                        completion(std::move(joined), isComplete, error);
-                    });
+    inner_->receive(minimum, maximum, prepending(std::move(head), std::move(completion)));
 }
 
 void PrefixedConnection::receiveMessage(ReceiveCompletion completion) {
@@ -80,15 +90,7 @@ void PrefixedConnection::receiveMessage(ReceiveCompletion completion) {
         inner_->receiveMessage(std::move(completion));
         return;
     }
-    inner_->receiveMessage([head = std::move(head), completion = std::move(completion)](
-                               std::optional<platform::Bytes> data, bool isComplete,
-                               const std::optional<platform::NWError>& error) mutable {
-        platform::Bytes joined = std::move(head);
-        if (data) {
-            joined.insert(joined.end(), data->begin(), data->end());
-        }
-        completion(std::move(joined), isComplete, error);
-    });
+    inner_->receiveMessage(prepending(std::move(head), std::move(completion)));
 }
 
 } // namespace veltrane::core

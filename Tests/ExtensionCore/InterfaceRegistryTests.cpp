@@ -33,41 +33,6 @@ bool eventually(F condition) {
     return true;
 }
 
-// A queue whose threads live in the namespace, so the sockets that
-// connections make on them belong to it.
-class NamespaceQueue {
-public:
-    explicit NamespaceQueue(const NetNamespace& ns) : work_(asio::make_work_guard(io_)) {
-        for (int i = 0; i < 2; ++i) {
-            threads_.emplace_back([this, &ns] {
-                auto inside = ns.enter();
-                io_.run();
-            });
-        }
-    }
-    ~NamespaceQueue() {
-        work_.reset();
-        for (auto& thread : threads_) {
-            thread.join();
-        }
-    }
-    asio::io_context& io() { return io_; }
-
-    template <class T>
-    T await(Awaitable<T> task) {
-        auto future = asio::co_spawn(io_, std::move(task), asio::use_future);
-        if (future.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
-            throw std::runtime_error("task did not finish in time");
-        }
-        return future.get();
-    }
-
-private:
-    asio::io_context io_;
-    asio::executor_work_guard<asio::io_context::executor_type> work_;
-    std::vector<std::thread> threads_;
-};
-
 // Runs a queue on one thread from its construction to its end.
 class Runner {
 public:
@@ -134,7 +99,7 @@ TEST(InterfaceBoundClientTest, ConnectsOnlyThroughItsInterface) {
     ASSERT_TRUE(ns->must("ip link set lo up"));
     ASSERT_TRUE(ns->must("ip tuntap add dev vt1 mode tun && ip link set vt1 up"));
 
-    NamespaceQueue queue(*ns);
+    test::TestQueue queue(ns.get());
     InterfaceRegistry registry;
     std::optional<test::TCPEchoServer> echo;
     {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ExtensionCore/Awaitable.hpp"
+#include "Support/NetNamespace.hpp"
 
 #include <asio.hpp>
 #include <chrono>
@@ -18,9 +19,19 @@ namespace veltrane::test {
 // a way to await a coroutine on it from the test's own thread.
 class TestQueue {
 public:
-    explicit TestQueue(int threadCount = 2) : work_(asio::make_work_guard(io_)) {
+    explicit TestQueue(int threadCount = 2) : TestQueue(nullptr, threadCount) {}
+    // With a namespace, the threads run inside it, so the sockets that
+    // connections make on them belong to it.
+    explicit TestQueue(const NetNamespace* ns, int threadCount = 2)
+        : work_(asio::make_work_guard(io_)) {
         for (int i = 0; i < threadCount; ++i) {
-            threads_.emplace_back([this] { io_.run(); });
+            threads_.emplace_back([this, ns] {
+                std::optional<NetNamespace::Entered> inside;
+                if (ns) {
+                    inside.emplace(ns->enter());
+                }
+                io_.run();
+            });
         }
     }
     ~TestQueue() { stop(); }
