@@ -1,32 +1,8 @@
 #include "VeltraneKit/IPv4.hpp"
 
+#include "VeltraneKit/PlainDecimal.hpp"
+
 namespace veltrane::kit::IPv4 {
-
-namespace {
-
-// A plain decimal piece: an optional "+", then one or more ASCII digits,
-// nothing else. Leading zeros are decimal.
-std::optional<std::uint32_t> parseOctet(std::string_view piece) {
-    if (!piece.empty() && piece.front() == '+') {
-        piece.remove_prefix(1);
-    }
-    if (piece.empty()) {
-        return std::nullopt;
-    }
-    std::uint32_t value = 0;
-    for (char c : piece) {
-        if (c < '0' || c > '9') {
-            return std::nullopt;
-        }
-        value = value * 10 + std::uint32_t(c - '0');
-        if (value > 255) {
-            return std::nullopt;
-        }
-    }
-    return value;
-}
-
-} // namespace
 
 std::optional<std::uint32_t> parse(std::string_view text) {
     std::uint32_t value = 0;
@@ -35,7 +11,7 @@ std::optional<std::uint32_t> parse(std::string_view text) {
         if ((index < 3) == (dot == std::string_view::npos)) {
             return std::nullopt; // fewer or more than four pieces
         }
-        const auto octet = parseOctet(text.substr(0, dot));
+        const auto octet = parsePlainDecimal(text.substr(0, dot), 255);
         if (!octet) {
             return std::nullopt;
         }

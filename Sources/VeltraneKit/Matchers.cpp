@@ -3,32 +3,11 @@
 #include "VeltraneKit/GlobMatcher.hpp"
 #include "VeltraneKit/IPv4.hpp"
 #include "VeltraneKit/MatcherKernels.hpp"
+#include "VeltraneKit/PlainDecimal.hpp"
 
 namespace veltrane::kit {
 
 namespace {
-
-// The whole text as a decimal number not above `maximum`: an optional "+",
-// then ASCII digits only. No blanks, no sign other than "+".
-std::optional<std::uint32_t> parseDecimal(std::string_view text, std::uint32_t maximum) {
-    if (!text.empty() && text.front() == '+') {
-        text.remove_prefix(1);
-    }
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    std::uint64_t value = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') {
-            return std::nullopt;
-        }
-        value = value * 10 + std::uint64_t(c - '0');
-        if (value > maximum) {
-            return std::nullopt;
-        }
-    }
-    return std::uint32_t(value);
-}
 
 bool hasWildcard(std::string_view text) {
     return text.find_first_of("*?") != std::string_view::npos;
@@ -47,7 +26,7 @@ std::optional<HostPattern::Kind> parseCIDR(std::string_view source) {
         return std::nullopt;
     }
     const auto address = IPv4::parse(source.substr(0, slash));
-    const auto prefix = parseDecimal(source.substr(slash + 1), 32);
+    const auto prefix = parsePlainDecimal(source.substr(slash + 1), 32);
     if (!address || !prefix) {
         return std::nullopt;
     }
@@ -133,14 +112,14 @@ std::optional<PortPattern> PortPattern::parse(std::string_view text) {
     text = trimBlanks(text);
     const std::size_t dash = text.find('-');
     if (dash == std::string_view::npos) {
-        const auto port = parseDecimal(text, 65535);
+        const auto port = parsePlainDecimal(text, 65535);
         if (!port) {
             return std::nullopt;
         }
         return PortPattern{std::uint16_t(*port), std::uint16_t(*port)};
     }
-    const auto low = parseDecimal(text.substr(0, dash), 65535);
-    const auto high = parseDecimal(text.substr(dash + 1), 65535);
+    const auto low = parsePlainDecimal(text.substr(0, dash), 65535);
+    const auto high = parsePlainDecimal(text.substr(dash + 1), 65535);
     if (!low || !high || *high < *low) {
         return std::nullopt;
     }
