@@ -53,13 +53,13 @@ std::vector<ConnectionEvent> EventRingBuffer::filter(std::vector<ConnectionEvent
         if (!text) {
             return std::nullopt;
         }
-        return UnicodeText::lowercased(*text);
+        return UnicodeText::caseFolded(*text);
     };
     const auto appNeedle = fold(app);
     const auto hostNeedle = fold(host);
     const auto contains = [](std::string_view haystack, const std::string& needle) {
         return needle.empty() ||
-               UnicodeText::lowercased(haystack).find(needle) != std::string::npos;
+               UnicodeText::caseFolded(haystack).find(needle) != std::string::npos;
     };
     const auto keep = [&](const ConnectionEvent& e) {
         if (appNeedle && !contains(e.app, *appNeedle) &&

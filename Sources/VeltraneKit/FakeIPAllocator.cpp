@@ -37,6 +37,8 @@ bool FakeIPAllocator::isFakeIP(std::string_view address) {
 }
 
 std::string FakeIPAllocator::ip(std::string_view host) {
+    // Lower-cased, not folded: the key is the name that host() hands back
+    // to be resolved, and folding would turn it into another name ("ς" into "σ").
     std::string key = UnicodeText::lowercased(host);
     const auto now = now_();
     std::uint32_t offset = 0;

@@ -2,11 +2,49 @@
 
 #include "VeltraneKit/GlobMatcher.hpp"
 
+#include <algorithm>
+#include <iterator>
+
 namespace veltrane::kit::UnicodeText {
 
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
+
+struct CaseRun {
+    char32_t first;
+    char32_t last;
+    std::int32_t delta;
+    std::uint32_t stride;
+};
+
+constexpr CaseRun lowerRuns[] = {
+#include "VeltraneKit/LowercaseTable.inc"
+};
+
+constexpr bool runsAreSorted() {
+    for (std::size_t i = 1; i < std::size(lowerRuns); ++i) {
+        if (lowerRuns[i - 1].last >= lowerRuns[i].first) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(runsAreSorted(), "lowercase runs must be sorted and disjoint");
+
+char32_t lowerCase(char32_t c) {
+    const auto* end = std::end(lowerRuns);
+    const auto* it = std::upper_bound(std::begin(lowerRuns), end, c,
+                                      [](char32_t v, const CaseRun& run) { return v < run.first; });
+    if (it == std::begin(lowerRuns)) {
+        return c;
+    }
+    const CaseRun& run = *(it - 1);
+    if (c > run.last || (c - run.first) % run.stride != 0) {
+        return c;
+    }
+    return char32_t(std::int64_t(c) + run.delta);
+}
 
 // Length of the valid UTF-8 sequence at `p`, or of its longest valid prefix
 // as a negative number (at least -1) when it is cut short or malformed.
@@ -75,6 +113,34 @@ void appendUTF8(std::string& out, char32_t cp) {
     }
 }
 
+// ASCII takes the short way: both mappings agree there with A-Z to a-z.
+template <char32_t (*map)(char32_t)>
+std::string mapped(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    const auto* p = reinterpret_cast<const std::uint8_t*>(text.data());
+    std::size_t i = 0;
+    while (i < text.size()) {
+        if (p[i] < 0x80) {
+            const char c = text[i];
+            out += (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
+            ++i;
+            continue;
+        }
+        char32_t cp = 0;
+        const int n = sequenceLength(p + i, text.size() - i, cp);
+        if (n > 0) {
+            appendUTF8(out, map(cp));
+            i += static_cast<std::size_t>(n);
+        } else {
+            // Not text: keep the bytes as they are so distinct inputs stay distinct.
+            out.append(text.substr(i, static_cast<std::size_t>(-n)));
+            i += static_cast<std::size_t>(-n);
+        }
+    }
+    return out;
+}
+
 } // namespace
 
 std::string repairUTF8(std::span<const std::uint8_t> bytes) {
@@ -96,41 +162,23 @@ std::string repairUTF8(std::span<const std::uint8_t> bytes) {
     return out;
 }
 
+std::string caseFolded(std::string_view text) {
+    return mapped<foldCase>(text);
+}
+
 std::string lowercased(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    const auto* p = reinterpret_cast<const std::uint8_t*>(text.data());
-    std::size_t i = 0;
-    while (i < text.size()) {
-        if (p[i] < 0x80) {
-            const char c = text[i];
-            out += (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
-            ++i;
-            continue;
-        }
-        char32_t cp = 0;
-        const int n = sequenceLength(p + i, text.size() - i, cp);
-        if (n > 0) {
-            appendUTF8(out, foldCase(cp));
-            i += static_cast<std::size_t>(n);
-        } else {
-            // Not text: keep the bytes as they are so distinct inputs stay distinct.
-            out.append(text.substr(i, static_cast<std::size_t>(-n)));
-            i += static_cast<std::size_t>(-n);
-        }
-    }
-    return out;
+    return mapped<lowerCase>(text);
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return lowercased(a) == lowercased(b);
+    return caseFolded(a) == caseFolded(b);
 }
 
 bool containsIgnoringCase(std::string_view haystack, std::string_view needle) {
     if (needle.empty()) {
         return true;
     }
-    return lowercased(haystack).find(lowercased(needle)) != std::string::npos;
+    return caseFolded(haystack).find(caseFolded(needle)) != std::string::npos;
 }
 
 } // namespace veltrane::kit::UnicodeText

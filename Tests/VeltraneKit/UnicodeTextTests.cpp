@@ -38,7 +38,7 @@ TEST(UnicodeTextTest, RepairsEachMaximalInvalidSubsequenceWithOneReplacement) {
 TEST(UnicodeTextTest, FoldsCaseBeyondASCIIAndKeepsInvalidBytes) {
     struct {
         const char* text;
-        const char* lower;
+        const char* folded;
     } cases[] = {
         {"Example.COM", "example.com"},
         {"ÉCOLE", "école"},
@@ -52,12 +52,29 @@ TEST(UnicodeTextTest, FoldsCaseBeyondASCIIAndKeepsInvalidBytes) {
         {"", ""},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(UnicodeText::lowercased(c.text), c.lower) << c.text;
+        EXPECT_EQ(UnicodeText::caseFolded(c.text), c.folded) << c.text;
     }
     EXPECT_TRUE(UnicodeText::containsIgnoringCase("Mozilla Firefox", "FIREFOX"));
     EXPECT_TRUE(UnicodeText::containsIgnoringCase("anything", ""));
     EXPECT_FALSE(UnicodeText::containsIgnoringCase("fire", "firefox"));
     EXPECT_TRUE(UnicodeText::equalsIgnoringCase("Straße", "STRAßE"));
+}
+
+TEST(UnicodeTextTest, LowerCasingKeepsWhatFoldingMerges) {
+    // Cherokee goes the other way: folding raises its small letters.
+    struct {
+        const char* text;
+        const char* lower;
+        const char* folded;
+    } cases[] = {
+        {"ς", "ς", "σ"},   {"Σ", "σ", "σ"},     {"ſ", "ſ", "s"},
+        {"µ", "µ", "μ"},   {"İ", "i", "İ"},     {"ẞ", "ß", "ß"},
+        {"Ꭰ", "ꭰ", "Ꭰ"}, {"ꭰ", "ꭰ", "Ꭰ"}, {"A\xFFİ", "a\xFFi", "a\xFFİ"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(UnicodeText::lowercased(c.text), c.lower) << c.text;
+        EXPECT_EQ(UnicodeText::caseFolded(c.text), c.folded) << c.text;
+    }
 }
 
 } // namespace
