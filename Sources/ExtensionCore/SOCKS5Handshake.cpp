@@ -124,17 +124,13 @@ SOCKS5Handshake::Action SOCKS5Handshake::start() {
     if (step_ != Step::created) {
         throw std::logic_error("SOCKS5Handshake::start called twice");
     }
-    // Every length byte is checked before the first byte leaves, so a value
-    // that can't be sent never leaves a half-done exchange behind.
+    // Every request carries the domain, so one that can't be sent fails
+    // before the first byte leaves. Credentials go out only if the proxy
+    // asks for them, and a proxy that needs none must still be reachable with
+    // an overlong password configured: their lengths are judged in onMethod.
     if (destination_.kind == SOCKS5Destination::Kind::domain &&
         destination_.host.size() > maxLengthByte) {
         return fail(SOCKSError::valueTooLong(SOCKSError::Field::domain));
-    }
-    if (credentials_ && credentials_->username.size() > maxLengthByte) {
-        return fail(SOCKSError::valueTooLong(SOCKSError::Field::username));
-    }
-    if (credentials_ && credentials_->password.size() > maxLengthByte) {
-        return fail(SOCKSError::valueTooLong(SOCKSError::Field::password));
     }
     step_ = Step::sendingGreeting;
     if (credentials_) {
@@ -183,6 +179,12 @@ SOCKS5Handshake::Action SOCKS5Handshake::onMethod(std::span<const std::uint8_t> 
     // The proxy picked a method that was never offered.
     if (!credentials_) {
         return fail(SOCKSError::authRequired());
+    }
+    if (credentials_->username.size() > maxLengthByte) {
+        return fail(SOCKSError::valueTooLong(SOCKSError::Field::username));
+    }
+    if (credentials_->password.size() > maxLengthByte) {
+        return fail(SOCKSError::valueTooLong(SOCKSError::Field::password));
     }
     step_ = Step::sendingAuth;
     Bytes message{0x01, static_cast<std::uint8_t>(credentials_->username.size())};

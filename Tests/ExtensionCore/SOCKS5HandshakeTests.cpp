@@ -93,13 +93,6 @@ TEST(SOCKS5HandshakeTest, ExchangesAgainstScriptedProxy) {
          concat({hex("05 02 01 00"), replyIPv4}),
          {hex("05 02 00 02"), hex("01 00 00"), connectExample},
          SOCKS5Handshake::Established{"10.0.0.1", 8080}},
-        {"credentials configured but proxy picks no-auth: credentials stay unsent",
-         userPass,
-         Command::connect,
-         exampleCom,
-         concat({hex("05 00"), replyIPv4}),
-         {hex("05 02 00 02"), connectExample},
-         SOCKS5Handshake::Established{"10.0.0.1", 8080}},
         {"reply ATYP 3 names the bound host",
          noCredentials,
          Command::connect,
@@ -136,13 +129,6 @@ TEST(SOCKS5HandshakeTest, ExchangesAgainstScriptedProxy) {
          SOCKS5Destination::ipv4("192.168.1.20", 80),
          concat({hex("05 00"), replyIPv4}),
          {hex("05 01 00"), hex("05 01 00 01 c0a80114 0050")},
-         SOCKS5Handshake::Established{"10.0.0.1", 8080}},
-        {"IPv4 text of three numbers goes out as 0.0.0.0",
-         noCredentials,
-         Command::connect,
-         SOCKS5Destination::ipv4("10.1.2", 8443),
-         concat({hex("05 00"), replyIPv4}),
-         {hex("05 01 00"), hex("05 01 00 01 00000000 20fb")},
          SOCKS5Handshake::Established{"10.0.0.1", 8080}},
         {"IPv6 destination",
          noCredentials,
@@ -260,14 +246,6 @@ TEST(SOCKS5HandshakeTest, ExchangesAgainstScriptedProxy) {
          std::nullopt,
          SOCKSError::handshakeFailed(),
          6},
-        {"proxy closes after one byte of the method reply",
-         noCredentials,
-         Command::connect,
-         exampleCom,
-         hex("05"),
-         {hex("05 01 00")},
-         std::nullopt,
-         SOCKSError::shortRead()},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -303,37 +281,43 @@ TEST(SOCKS5HandshakeTest, ProxyClosingAtEveryStepGivesShortRead) {
     }
 }
 
-TEST(SOCKS5HandshakeTest, ValuesOverLengthByteFailBeforeAnythingIsSent) {
+TEST(SOCKS5HandshakeTest, ValueOverLengthByteFailsOnlyWhenItWouldBeSent) {
     const std::string max(255, 'a');
     const std::string over(256, 'a');
+    const auto h = SOCKS5Destination::domain("h", 1);
+    const Bytes picksNone = concat({hex("05 00"), replyIPv4});
+    const Bytes picksPassword = concat({hex("05 02 01 00"), replyIPv4});
     struct Case {
         const char* name;
         std::optional<kit::ProxyCredentials> credentials;
         SOCKS5Destination destination;
+        Bytes proxyOutput;
+        std::size_t expectedSends;
         std::optional<SOCKSError> expectedError;
     } cases[] = {
-        {"255-byte domain fits", noCredentials, SOCKS5Destination::domain(max, 1), std::nullopt},
-        {"256-byte domain", noCredentials, SOCKS5Destination::domain(over, 1),
-         SOCKSError::valueTooLong(SOCKSError::Field::domain)},
-        {"255-byte user and password fit", kit::ProxyCredentials{max, max},
-         SOCKS5Destination::domain("h", 1), std::nullopt},
-        {"256-byte user name", kit::ProxyCredentials{over, "p"}, SOCKS5Destination::domain("h", 1),
-         SOCKSError::valueTooLong(SOCKSError::Field::username)},
-        {"256-byte password", kit::ProxyCredentials{"u", over}, SOCKS5Destination::domain("h", 1),
-         SOCKSError::valueTooLong(SOCKSError::Field::password)},
-        {"long IPv4 text is no domain", noCredentials, SOCKS5Destination::ipv4(over, 1),
+        {"255-byte domain fits", noCredentials, SOCKS5Destination::domain(max, 1), picksNone, 2,
          std::nullopt},
+        {"256-byte domain: nothing sent", noCredentials, SOCKS5Destination::domain(over, 1),
+         picksNone, 0, SOCKSError::valueTooLong(SOCKSError::Field::domain)},
+        {"long IPv4 text is no domain", noCredentials, SOCKS5Destination::ipv4(over, 1), picksNone,
+         2, std::nullopt},
+        {"255-byte user and password fit", kit::ProxyCredentials{max, max}, h, picksPassword, 3,
+         std::nullopt},
+        {"256-byte user name, proxy picks 0x02", kit::ProxyCredentials{over, "p"}, h, picksPassword,
+         1, SOCKSError::valueTooLong(SOCKSError::Field::username)},
+        {"256-byte password, proxy picks 0x02: no auth bytes sent",
+         kit::ProxyCredentials{"u", over}, h, picksPassword, 1,
+         SOCKSError::valueTooLong(SOCKSError::Field::password)},
+        {"256-byte password, proxy picks no-auth: request sent", kit::ProxyCredentials{"u", over},
+         h, picksNone, 2, std::nullopt},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        SOCKS5Handshake handshake(c.credentials, Command::connect, c.destination);
-        auto action = handshake.start();
-        if (c.expectedError) {
-            ASSERT_TRUE(std::holds_alternative<SOCKS5Handshake::Failure>(action));
-            EXPECT_EQ(std::get<SOCKS5Handshake::Failure>(action).error, *c.expectedError);
-        } else {
-            EXPECT_TRUE(std::holds_alternative<SOCKS5Handshake::Send>(action));
-        }
+        auto run = runAgainst(SOCKS5Handshake(c.credentials, Command::connect, c.destination),
+                              c.proxyOutput);
+        EXPECT_EQ(run.sent.size(), c.expectedSends);
+        EXPECT_EQ(run.error, c.expectedError);
+        EXPECT_EQ(run.established.has_value(), !c.expectedError);
     }
     EXPECT_EQ(SOCKS5Destination::domain(over, 1).addressBytes(), std::nullopt);
     auto fits = SOCKS5Destination::domain(max, 0x1234).addressBytes();
