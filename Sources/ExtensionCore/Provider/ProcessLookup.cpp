@@ -1,0 +1,284 @@
+#include "ExtensionCore/Provider/ProcessLookup.hpp"
+
+#include "Platform/NEFlowMetaData.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <fcntl.h>
+#include <pugixml.hpp>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
+#include <unordered_set>
+#include <vector>
+
+namespace veltrane::core::ProcessLookup {
+
+namespace {
+
+// Every file read here is small; the cap keeps a hostile bundle from making a
+// flow read without end.
+constexpr std::size_t maximumFileSize = 1 << 20;
+
+// A regular file's contents. Opening without blocking and refusing anything
+// but regular files keeps a FIFO or device planted inside some ".app" from
+// stalling the flow path.
+std::optional<std::string> readSmallFile(const std::string& path,
+                                         std::size_t limit = maximumFileSize) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    std::optional<std::string> contents;
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        contents.emplace();
+        std::array<char, 4096> chunk{};
+        while (true) {
+            auto n = ::read(fd, chunk.data(), chunk.size());
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n < 0 || contents->size() + static_cast<std::size_t>(n) > limit) {
+                contents.reset();
+                break;
+            }
+            if (n == 0) {
+                break;
+            }
+            contents->append(chunk.data(), static_cast<std::size_t>(n));
+        }
+    }
+    ::close(fd);
+    return contents;
+}
+
+std::string procPath(std::int32_t pid, std::string_view entry) {
+    std::string result = "/proc/" + std::to_string(pid) + "/";
+    result += entry;
+    return result;
+}
+
+std::vector<std::string_view> split(std::string_view text, char separator) {
+    std::vector<std::string_view> parts;
+    while (!text.empty()) {
+        auto end = text.find(separator);
+        auto part = text.substr(0, end);
+        if (!part.empty()) {
+            parts.push_back(part);
+        }
+        if (end == std::string_view::npos) {
+            break;
+        }
+        text.remove_prefix(end + 1);
+    }
+    return parts;
+}
+
+template <typename Number>
+std::optional<Number> parseNumber(std::string_view text) {
+    Number value{};
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc{} || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+// mountinfo writes space, tab, newline and backslash in paths as octal escapes.
+std::string unescapeMountPath(std::string_view text) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size()) {
+            auto digits = text.substr(i + 1, 3);
+            if (std::all_of(digits.begin(), digits.end(),
+                            [](char c) { return c >= '0' && c <= '7'; })) {
+                result += static_cast<char>((digits[0] - '0') * 64 + (digits[1] - '0') * 8 +
+                                            (digits[2] - '0'));
+                i += 3;
+                continue;
+            }
+        }
+        result += text[i];
+    }
+    return result;
+}
+
+std::optional<std::string> findCgroup2Mount() {
+    // Many containers make mountinfo large; read it once with a generous cap.
+    auto mountinfo = readSmallFile("/proc/self/mountinfo", 64 * maximumFileSize);
+    if (!mountinfo) {
+        return std::nullopt;
+    }
+    for (auto line : split(*mountinfo, '\n')) {
+        auto fields = split(line, ' ');
+        auto separator = std::find(fields.begin(), fields.end(), "-");
+        // Only a mount of the whole hierarchy lets the paths in /proc/PID/cgroup
+        // be appended as they are.
+        if (fields.size() >= 5 && separator != fields.end() && separator + 1 != fields.end() &&
+            separator[1] == "cgroup2" && fields[3] == "/") {
+            return unescapeMountPath(fields[4]);
+        }
+    }
+    return std::nullopt;
+}
+
+struct ScopeMember {
+    std::int32_t pid = 0;
+    std::int32_t parent = 0;
+    std::uint64_t startTime = 0;
+};
+
+// Parent and start time from /proc/PID/stat. The command name before them may
+// hold spaces and parentheses of its own, hence the last ')'.
+std::optional<ScopeMember> readMember(std::int32_t pid) {
+    auto stat = readSmallFile(procPath(pid, "stat"));
+    if (!stat) {
+        return std::nullopt;
+    }
+    auto close = stat->rfind(')');
+    if (close == std::string::npos) {
+        return std::nullopt;
+    }
+    // Fields from the 3rd (state) on; the parent is the 4th, the start time the 22nd.
+    auto fields = split(std::string_view(*stat).substr(close + 1), ' ');
+    if (fields.size() < 20) {
+        return std::nullopt;
+    }
+    auto parent = parseNumber<std::int32_t>(fields[1]);
+    auto startTime = parseNumber<std::uint64_t>(fields[19]);
+    if (!parent || !startTime) {
+        return std::nullopt;
+    }
+    return ScopeMember{pid, *parent, *startTime};
+}
+
+// The leader of the cgroup scope the process runs in: the member whose parent
+// is outside the scope, the earliest started when there are several. 0 when
+// the process is not in a scope. Only the scope's own members are read, so
+// the cost follows the size of one application, not of the machine.
+std::int32_t scopeLeader(std::int32_t pid) {
+    const auto& mount = cgroup2Mount();
+    auto membership = readSmallFile(procPath(pid, "cgroup"));
+    if (!mount || !membership) {
+        return 0;
+    }
+    std::optional<std::string_view> cgroup;
+    for (auto line : split(*membership, '\n')) {
+        if (line.starts_with("0::")) {
+            cgroup = line.substr(3);
+        }
+    }
+    // Services and slices group unrelated processes; only a scope stands for
+    // one launched application.
+    if (!cgroup || !cgroup->starts_with("/") || !cgroup->ends_with(".scope")) {
+        return 0;
+    }
+    std::string procsPath = *mount;
+    procsPath += *cgroup;
+    procsPath += "/cgroup.procs";
+    auto procs = readSmallFile(procsPath);
+    if (!procs) {
+        return 0;
+    }
+    std::vector<ScopeMember> members;
+    std::unordered_set<std::int32_t> memberIDs;
+    for (auto line : split(*procs, '\n')) {
+        auto memberID = parseNumber<std::int32_t>(line);
+        if (!memberID) {
+            continue;
+        }
+        // A member that exits meanwhile is no longer a candidate.
+        if (auto member = readMember(*memberID)) {
+            members.push_back(*member);
+            memberIDs.insert(member->pid);
+        }
+    }
+    std::optional<ScopeMember> leader;
+    for (const auto& member : members) {
+        if (memberIDs.contains(member.parent)) {
+            continue;
+        }
+        if (!leader ||
+            std::tie(member.startTime, member.pid) < std::tie(leader->startTime, leader->pid)) {
+            leader = member;
+        }
+    }
+    return leader ? leader->pid : 0;
+}
+
+} // namespace
+
+std::optional<std::int32_t> pid(std::span<const std::uint8_t> auditToken) {
+    return platform::auditTokenProcessID(auditToken);
+}
+
+std::optional<std::string> path(std::int32_t pid) {
+    std::array<char, 4096> buffer{};
+    auto length = ::readlink(procPath(pid, "exe").c_str(), buffer.data(), buffer.size());
+    // A link that fills the buffer may have been cut short.
+    if (length < 1 || static_cast<std::size_t>(length) >= buffer.size()) {
+        return std::nullopt;
+    }
+    std::string result(buffer.data(), static_cast<std::size_t>(length));
+    // A package upgrade replaces executables under running processes, and the
+    // kernel then appends " (deleted)". Rules name the executable, so a
+    // browser must stay "firefox" until it restarts. A file that really has
+    // the suffix in its name still exists and keeps it.
+    constexpr std::string_view deletedSuffix = " (deleted)";
+    struct stat info {};
+    if (result.ends_with(deletedSuffix) && ::lstat(result.c_str(), &info) != 0) {
+        result.resize(result.size() - deletedSuffix.size());
+    }
+    return result;
+}
+
+std::optional<std::string> bundleID(std::string_view executablePath) {
+    constexpr std::string_view marker = ".app/";
+    auto match = executablePath.rfind(marker);
+    if (match == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::string plistPath(executablePath.substr(0, match + marker.size()));
+    plistPath += "Contents/Info.plist";
+    auto contents = readSmallFile(plistPath);
+    // Only XML property lists are read; a binary one fails to parse here and
+    // counts as unreadable.
+    pugi::xml_document document;
+    if (!contents || !document.load_buffer(contents->data(), contents->size())) {
+        return std::nullopt;
+    }
+    auto dict = document.child("plist").find_child(
+        [](const pugi::xml_node& node) { return node.type() == pugi::node_element; });
+    if (std::string_view(dict.name()) != "dict") {
+        return std::nullopt;
+    }
+    for (auto key : dict.children("key")) {
+        if (std::string_view(key.text().get()) != "CFBundleIdentifier") {
+            continue;
+        }
+        auto value = key.next_sibling();
+        while (value && value.type() != pugi::node_element) {
+            value = value.next_sibling();
+        }
+        if (std::string_view(value.name()) != "string") {
+            return std::nullopt;
+        }
+        return std::string(value.text().get());
+    }
+    return std::nullopt;
+}
+
+ResponsiblePIDFunction responsiblePIDFn() {
+    static const ResponsiblePIDFunction function = cgroup2Mount() ? &scopeLeader : nullptr;
+    return function;
+}
+
+const std::optional<std::string>& cgroup2Mount() {
+    static const std::optional<std::string> mount = findCgroup2Mount();
+    return mount;
+}
+
+} // namespace veltrane::core::ProcessLookup
