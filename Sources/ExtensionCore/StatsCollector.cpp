@@ -70,6 +70,13 @@ void StatsCollector::record(const ConnectionEvent& event) {
     }
 }
 
+void StatsCollector::releaseActive() {
+    std::lock_guard guard(lock_);
+    if (active_ > 0) {
+        --active_;
+    }
+}
+
 kit::StatsSnapshot StatsCollector::snapshot() const {
     kit::StatsSnapshot s;
     std::lock_guard guard(lock_);

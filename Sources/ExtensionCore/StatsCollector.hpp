@@ -43,6 +43,11 @@ public:
 
     void record(const kit::ConnectionEvent& event);
 
+    // Lowers the active count alone, for a flow that was counted by its
+    // `open` event and then refused with a `blocked` one, which ends nothing
+    // in the counters.
+    void releaseActive();
+
     kit::StatsSnapshot snapshot() const;
 
     // Events with a token above `sinceToken`, and the latest token. A token

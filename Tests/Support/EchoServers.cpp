@@ -39,7 +39,7 @@ bool readable(int fd, int wake) {
 
 } // namespace
 
-TCPEchoServer::TCPEchoServer() {
+TCPEchoServer::TCPEchoServer(std::string banner) : banner_(std::move(banner)) {
     if (::pipe2(wake_, O_CLOEXEC) != 0) {
         return;
     }
@@ -88,11 +88,14 @@ void TCPEchoServer::acceptLoop() {
         }
         std::lock_guard guard(lock_);
         connections_.push_back(fd);
-        workers_.emplace_back([fd] { echo(fd); });
+        workers_.emplace_back([fd, this] { echo(fd, banner_); });
     }
 }
 
-void TCPEchoServer::echo(int fd) {
+void TCPEchoServer::echo(int fd, const std::string& banner) {
+    if (!banner.empty() && ::send(fd, banner.data(), banner.size(), MSG_NOSIGNAL) <= 0) {
+        return;
+    }
     char buffer[16384];
     for (;;) {
         ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);

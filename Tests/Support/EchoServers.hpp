@@ -2,17 +2,19 @@
 
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace veltrane::test {
 
 // A TCP server on 127.0.0.1 that sends back every byte it receives, on any
-// number of connections, and half-closes when the client does. Stops and
-// joins its threads when destroyed.
+// number of connections, and half-closes when the client does. With a banner
+// it speaks first, as SSH or SMTP servers do. Stops and joins its threads
+// when destroyed.
 class TCPEchoServer {
 public:
-    TCPEchoServer();
+    explicit TCPEchoServer(std::string banner = {});
     ~TCPEchoServer();
     TCPEchoServer(const TCPEchoServer&) = delete;
     TCPEchoServer& operator=(const TCPEchoServer&) = delete;
@@ -22,11 +24,12 @@ public:
 
 private:
     void acceptLoop();
-    static void echo(int fd);
+    static void echo(int fd, const std::string& banner);
 
     int listener_ = -1;
     int wake_[2] = {-1, -1};
     std::uint16_t port_ = 0;
+    const std::string banner_;
     std::thread acceptor_;
     std::mutex lock_;
     std::vector<int> connections_;

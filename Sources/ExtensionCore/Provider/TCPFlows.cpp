@@ -1,0 +1,272 @@
+// TCP flows carried through a proxy or pinned to an interface. Both open the
+// flow, read its first bytes, sniff the real name from them and only then
+// connect, so the upstream learns the name even when the application dialled
+// an address; the bytes read go upstream first.
+
+#include "ExtensionCore/AwaitCallback.hpp"
+#include "ExtensionCore/ErrorConversion.hpp"
+#include "ExtensionCore/FlowPump.hpp"
+#include "ExtensionCore/HTTPConnectClient.hpp"
+#include "ExtensionCore/InterfaceBoundClient.hpp"
+#include "ExtensionCore/InterfaceRegistry.hpp"
+#include "ExtensionCore/Provider/FirstPacket.hpp"
+#include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
+#include "ExtensionCore/SNISniffer.hpp"
+#include "ExtensionCore/SOCKS5Client.hpp"
+#include "ExtensionCore/UDPRelay.hpp"
+#include "Platform/Logger.hpp"
+
+#include <algorithm>
+#include <asio.hpp>
+#include <cerrno>
+
+namespace veltrane::core {
+
+using kit::FlowTransport;
+using platform::FlowError;
+using platform::NEAppProxyTCPFlow;
+using Phase = kit::ConnectionEvent::Phase;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// What one carried TCP flow keeps by value for its whole life.
+struct TCPFlowContext {
+    std::weak_ptr<TransparentProxyProvider> provider;
+    std::shared_ptr<NEAppProxyTCPFlow> flow;
+    std::string host;
+    std::uint16_t port = 0;
+    kit::AppIdentity app;
+    kit::Verdict verdict;
+    Clock::time_point started;
+
+    double secondsSinceStart() const {
+        return std::chrono::duration<double>(Clock::now() - started).count();
+    }
+
+    void record(Phase phase, std::uint64_t sent, std::uint64_t received, double lifetime,
+                const std::optional<FlowError>& error) const {
+        if (auto owner = provider.lock()) {
+            owner->record(phase, app, host, port, FlowTransport::tcp, verdict, sent, received,
+                          lifetime, error);
+        }
+    }
+};
+
+Awaitable<std::optional<FlowError>> openFlow(std::shared_ptr<platform::NEAppProxyFlow> flow) {
+    auto begin = [flow](auto done) {
+        flow->open([done](const std::optional<FlowError>& error) { done(error); });
+    };
+    return awaitCallback<std::optional<FlowError>>(std::move(begin));
+}
+
+void closeBoth(platform::NEAppProxyFlow& flow, const std::optional<FlowError>& error) {
+    flow.closeRead(error);
+    flow.closeWrite(error);
+}
+
+// The failure path shared by both handlers, for an error of the open or the
+// connect.
+void failFlow(const TCPFlowContext& context, NEAppProxyTCPFlow& flow, const FlowError& error,
+              std::string_view line) {
+    if (platform::isOrderlyEnd(error)) {
+        // The application went away first: nothing failed.
+        context.record(Phase::close, 0, 0, context.secondsSinceStart(), std::nullopt);
+        closeBoth(flow, std::nullopt);
+        return;
+    }
+    platform::log::error("{} failed for {}: {}", line, context.host, error.localizedDescription());
+    context.record(Phase::failed, 0, 0, context.secondsSinceStart(), error);
+    closeBoth(flow, error);
+}
+
+void startPump(const TCPFlowContext& context, std::shared_ptr<NEAppProxyTCPFlow> flow,
+               std::shared_ptr<platform::NWConnection> upstream,
+               std::optional<platform::Bytes> firstPacket) {
+    auto onClose = [context](FlowPump::Counters counters, const std::optional<FlowError>& error) {
+        std::optional<FlowError> left = error;
+        Phase phase = Phase::close;
+        if (left && platform::isOrderlyEnd(*left)) {
+            left.reset();
+        } else if (left) {
+            phase = Phase::failed;
+        }
+        context.record(phase, counters.sent, counters.received, context.secondsSinceStart(), left);
+    };
+    auto pump = std::make_shared<FlowPump>(std::move(flow), std::move(upstream),
+                                           std::move(firstPacket), std::move(onClose));
+    pump->start();
+}
+
+std::optional<std::string> sniff(const std::optional<platform::Bytes>& firstPacket,
+                                 std::uint16_t port) {
+    if (!firstPacket) {
+        return std::nullopt;
+    }
+    // Only the port decides which parser runs.
+    return port == 80 ? SNISniffer::httpHost(*firstPacket)
+                      : SNISniffer::tlsServerName(*firstPacket);
+}
+
+SOCKS5Client::Destination socksDestination(const std::string& target, bool sniffed,
+                                           std::uint16_t port) {
+    if (!sniffed && UDPRelay::ipv4Octets(target)) {
+        return SOCKS5Client::Destination::ipv4(target, port);
+    }
+    // Digits and dots go as an address even when they are no dotted quad (and
+    // even when sniffed): a proxy must not be asked to resolve them as a name.
+    const bool numeric = std::all_of(target.begin(), target.end(),
+                                     [](char c) { return c == '.' || (c >= '0' && c <= '9'); });
+    if (numeric) {
+        return SOCKS5Client::Destination::ipv4(target, port);
+    }
+    return SOCKS5Client::Destination::domain(target, port);
+}
+
+struct Upstream {
+    std::shared_ptr<platform::NWConnection> connection;
+    std::optional<FlowError> error;
+};
+
+Awaitable<Upstream> connectThroughProxy(const kit::ProxyServer& proxy, const std::string& target,
+                                        bool sniffed, std::uint16_t port,
+                                        platform::NWConnectionService& service,
+                                        platform::DispatchQueue& queue) {
+    Upstream result;
+    try {
+        if (proxy.proto == kit::ProxyProtocol::http) {
+            HTTPConnectClient client(proxy, service, queue);
+            result.connection = co_await client.connect(target, port);
+        } else {
+            SOCKS5Client client(proxy, service, queue);
+            auto destination = socksDestination(target, sniffed, port);
+            result.connection = co_await client.connect(std::move(destination));
+        }
+    } catch (...) {
+        result.error = flowError(std::current_exception());
+    }
+    co_return result;
+}
+
+Awaitable<Upstream> connectPinned(const std::string& target, std::uint16_t port,
+                                  const platform::NWInterface& interface,
+                                  platform::NWConnectionService& service,
+                                  platform::DispatchQueue& queue) {
+    Upstream result;
+    try {
+        InterfaceBoundClient client(target, port, interface, service, queue);
+        result.connection = co_await client.connect();
+    } catch (...) {
+        result.error = flowError(std::current_exception());
+    }
+    co_return result;
+}
+
+struct CarryPlan {
+    std::optional<kit::ProxyServer> proxy;
+    std::string interfaceName;
+};
+
+Awaitable<void> carryTCPFlow(TCPFlowContext context, CarryPlan plan,
+                             std::shared_ptr<platform::NWConnectionService> service,
+                             platform::DispatchQueue& queue, InterfaceRegistry& interfaces,
+                             std::chrono::milliseconds firstPacketWait,
+                             std::function<void()> releaseActive) {
+    const auto& flow = context.flow;
+    const char* failureLine = plan.proxy ? "proxy connect" : "interface-pinned connect";
+
+    auto opened = co_await openFlow(flow);
+    if (opened) {
+        failFlow(context, *flow, *opened, failureLine);
+        co_return;
+    }
+
+    auto first = co_await readFirstPacket(flow, firstPacketWait, queue);
+    const auto sniffed = sniff(first.bytes, context.port);
+    const std::string target = sniffed ? *sniffed : context.host;
+    const std::string sni = sniffed ? " (sni)" : "";
+
+    Upstream upstream;
+    if (plan.proxy) {
+        const auto& proxy = *plan.proxy;
+        if (!sniffed && context.host.find(':') != std::string::npos) {
+            // An IPv6 literal with no name to ask for: refused rather than
+            // sent to a proxy that may have no IPv6 route.
+            context.record(Phase::blocked, 0, 0, 0, std::nullopt);
+            // The `open` event counted the flow as active; the refusal ends it.
+            releaseActive();
+            closeBoth(*first.flow, FlowError::posix(ECONNREFUSED));
+            co_return;
+        }
+        platform::log::info("flow opened, upstream {}:{} for {}:{}{}", proxy.address, proxy.port,
+                            target, context.port, sni);
+        upstream = co_await connectThroughProxy(proxy, target, sniffed.has_value(), context.port,
+                                                *service, queue);
+        if (upstream.error) {
+            failFlow(context, *first.flow, *upstream.error, failureLine);
+            co_return;
+        }
+        platform::log::info("upstream connected via {}:{} for {}:{}", proxy.address, proxy.port,
+                            target, context.port);
+    } else {
+        // Looked up anew for each flow, after the first read: a tunnel that
+        // came up (or back under a new name) meanwhile is found.
+        auto interface = interfaces.interface(plan.interfaceName);
+        if (!interface) {
+            platform::log::error("interface {} unavailable; failing flow closed",
+                                 plan.interfaceName);
+            const auto error = flowError(InterfaceError::unavailable(plan.interfaceName));
+            context.record(Phase::failed, 0, 0, context.secondsSinceStart(), error);
+            closeBoth(*first.flow, error);
+            co_return;
+        }
+        platform::log::info("flow opened, pinned to {} for {}:{}", plan.interfaceName, target,
+                            context.port);
+        upstream = co_await connectPinned(target, context.port, *interface, *service, queue);
+        if (upstream.error) {
+            failFlow(context, *first.flow, *upstream.error, failureLine);
+            co_return;
+        }
+    }
+    startPump(context, std::move(first.flow), std::move(upstream.connection),
+              std::move(first.bytes));
+}
+
+} // namespace
+
+void TransparentProxyProvider::handleTCPFlow(std::shared_ptr<NEAppProxyTCPFlow> flow,
+                                             kit::ProxyServer proxy, std::string host,
+                                             std::uint16_t port, kit::AppIdentity app,
+                                             kit::Verdict verdict) {
+    TCPFlowContext context{weak_from_this(), std::move(flow),    std::move(host), port,
+                           std::move(app),   std::move(verdict), Clock::now()};
+    record(Phase::open, context.app, context.host, port, FlowTransport::tcp, context.verdict, 0, 0,
+           0, std::nullopt);
+    // Every argument is a named value: g++ 12 has miscompiled temporaries
+    // handed to a coroutine in the same expression.
+    CarryPlan plan{std::move(proxy), {}};
+    std::function<void()> releaseActive = [weak = weak_from_this()] {
+        if (auto owner = weak.lock()) {
+            owner->leaveActive();
+        }
+    };
+    auto task = carryTCPFlow(std::move(context), std::move(plan), connections_, queue(),
+                             interfaces_, firstPacketWait_, std::move(releaseActive));
+    asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);
+}
+
+void TransparentProxyProvider::handleInterfaceFlow(std::shared_ptr<NEAppProxyTCPFlow> flow,
+                                                   std::string interfaceName, std::string host,
+                                                   std::uint16_t port, kit::AppIdentity app,
+                                                   kit::Verdict verdict) {
+    TCPFlowContext context{weak_from_this(), std::move(flow),    std::move(host), port,
+                           std::move(app),   std::move(verdict), Clock::now()};
+    record(Phase::open, context.app, context.host, port, FlowTransport::tcp, context.verdict, 0, 0,
+           0, std::nullopt);
+    CarryPlan plan{std::nullopt, std::move(interfaceName)};
+    auto task = carryTCPFlow(std::move(context), std::move(plan), connections_, queue(),
+                             interfaces_, firstPacketWait_, {});
+    asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);
+}
+
+} // namespace veltrane::core
