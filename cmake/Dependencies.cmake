@@ -6,6 +6,11 @@ find_package(CLI11 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 pkg_check_modules(NFTABLES REQUIRED IMPORTED_TARGET libnftables)
+# The capture host speaks netlink itself: nf_tables batches, the netfilter
+# queue and rtnetlink.
+pkg_check_modules(NFTNL REQUIRED IMPORTED_TARGET libnftnl)
+pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
+pkg_check_modules(NETFILTER_QUEUE REQUIRED IMPORTED_TARGET libnetfilter_queue)
 
 # Standalone Asio is header-only; Debian installs it under /usr/include.
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
