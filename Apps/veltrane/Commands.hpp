@@ -17,4 +17,7 @@ using CommandRunner = std::function<int()>;
 // Registers "test-route".
 void addTestRouteCommand(CLI::App& app, CommandRunner& runner);
 
+// Registers "run" and "reload".
+void addRunCommands(CLI::App& app, CommandRunner& runner);
+
 } // namespace veltrane::app

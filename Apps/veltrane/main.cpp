@@ -10,6 +10,7 @@ int main(int argc, char** argv) {
     veltrane::app::addTestRouteCommand(app, runner);
     veltrane::app::addStatsCommand(app, runner);
     veltrane::app::addEventsCommand(app, runner);
+    veltrane::app::addRunCommands(app, runner);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

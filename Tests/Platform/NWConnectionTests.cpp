@@ -752,7 +752,7 @@ TEST(NWConnectionRouteTest, MarkAndRequiredInterfaceDecideTheWayOut) {
     ASSERT_TRUE(client->addVeth("a0", *server, "b0"));
     ASSERT_TRUE(client->addVeth("a1", *server, "b1"));
     char mark[16];
-    std::snprintf(mark, sizeof mark, "0x%x", bypassSocketMark);
+    std::snprintf(mark, sizeof mark, "0x%x", bypassSocketMark());
     ASSERT_TRUE(client->must("ip link set lo up && "
                              "ip addr add 10.201.0.1/24 dev a0 && ip link set a0 up && "
                              "ip addr add 10.202.0.1/24 dev a1 && ip link set a1 up && "

@@ -259,7 +259,7 @@ private:
     // The mark keeps our own traffic out of the capture rules. Only root may
     // set it; an unprivileged run (tests, trials) goes on without it.
     std::optional<NWError> prepareSocket(int fd) const {
-        const std::uint32_t mark = bypassSocketMark;
+        const std::uint32_t mark = bypassSocketMark();
         if (::setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark) != 0 && errno != EPERM) {
             return NWError::posix(errno);
         }

@@ -1,0 +1,390 @@
+#include "Platform/linux/capture/LinuxFlowHost.hpp"
+
+#include "Platform/BypassMark.hpp"
+#include "Platform/Logger.hpp"
+#include "Platform/NWHostEndpoint.hpp"
+#include "Platform/RuntimePaths.hpp"
+#include "Platform/linux/UnixLineServer.hpp"
+#include "Platform/linux/capture/AppIdentifier.hpp"
+#include "Platform/linux/capture/CaptureTables.hpp"
+#include "Platform/linux/capture/FlowQueue.hpp"
+#include "Platform/linux/capture/LinuxTCPFlow.hpp"
+#include "Platform/linux/capture/SocketOwners.hpp"
+
+#include <arpa/inet.h>
+#include <asio.hpp>
+#include <future>
+#include <linux/netfilter_ipv4.h>
+#include <linux/netfilter_ipv6/ip6_tables.h>
+#include <map>
+#include <netinet/in.h>
+#include <thread>
+
+namespace veltrane::platform::capture {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A redirected connection that never arrives (the application died between
+// its first packet and the redirect) must not hold its flow for ever.
+constexpr auto pendingLifetime = std::chrono::seconds(10);
+
+std::string textOf(const asio::ip::address& address) {
+    if (address.is_v6() && address.to_v6().is_v4_mapped()) {
+        return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string();
+    }
+    return address.to_string();
+}
+
+// Where the application meant to go, before the redirect.
+std::optional<std::pair<std::string, std::uint16_t>> originalDestination(int fd, bool v6) {
+    sockaddr_storage original{};
+    socklen_t length = sizeof original;
+    const int failed = v6 ? ::getsockopt(fd, SOL_IPV6, IP6T_SO_ORIGINAL_DST, &original, &length)
+                          : ::getsockopt(fd, SOL_IP, SO_ORIGINAL_DST, &original, &length);
+    if (failed != 0) {
+        return std::nullopt;
+    }
+    char text[INET6_ADDRSTRLEN] = {};
+    if (original.ss_family == AF_INET6) {
+        const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&original);
+        ::inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text);
+        return std::pair(std::string(text), ntohs(in6->sin6_port));
+    }
+    const auto* in4 = reinterpret_cast<const sockaddr_in*>(&original);
+    ::inet_ntop(AF_INET, &in4->sin_addr, text, sizeof text);
+    return std::pair(std::string(text), ntohs(in4->sin_port));
+}
+
+std::string pendingKey(const std::string& source, std::uint16_t sourcePort,
+                       const std::string& destination, std::uint16_t destinationPort) {
+    return source + "|" + std::to_string(sourcePort) + "|" + destination + "|" +
+           std::to_string(destinationPort);
+}
+
+} // namespace
+
+struct LinuxFlowHost::Impl {
+    explicit Impl(Options options) : options(std::move(options)), signals(io, SIGINT, SIGTERM) {}
+
+    Options options;
+    asio::io_context io;
+    asio::signal_set signals;
+    std::shared_ptr<NETransparentProxyProvider> provider;
+    ProcessResolver resolver;
+
+    // Made by setTunnelNetworkSettings, on the thread of the start.
+    std::unique_ptr<CaptureTables> tables;
+    std::unique_ptr<FlowQueue> queue;
+    std::unique_ptr<asio::posix::stream_descriptor> queueReady;
+    std::unique_ptr<asio::ip::tcp::acceptor> listener4;
+    std::unique_ptr<asio::ip::tcp::acceptor> listener6;
+    std::unique_ptr<UnixLineServer> messages;
+    std::unique_ptr<asio::steady_timer> sweeper;
+
+    struct Pending {
+        std::shared_ptr<LinuxTCPFlow> flow;
+        Clock::time_point since;
+    };
+    std::mutex pendingLock; // guards pending
+    std::map<std::string, Pending> pending;
+
+    bool openListeners(std::string& whyNot);
+    void acceptOn(asio::ip::tcp::acceptor& acceptor);
+    void pair(asio::ip::tcp::socket socket);
+    void waitForPackets();
+    void decide(const QueuedPacket& packet);
+    NEFlowMetaData metaDataFor(const QueuedPacket& packet);
+    void sweep();
+    std::string handleMessage(std::string_view line);
+};
+
+LinuxFlowHost::LinuxFlowHost(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+LinuxFlowHost::~LinuxFlowHost() = default;
+
+bool LinuxFlowHost::Impl::openListeners(std::string& whyNot) {
+    // One port for both families: the redirect names a port, and the
+    // address is the loopback of the connection's own family.
+    try {
+        listener4 = std::make_unique<asio::ip::tcp::acceptor>(
+            io, asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
+        const auto port = listener4->local_endpoint().port();
+        listener6 = std::make_unique<asio::ip::tcp::acceptor>(io);
+        listener6->open(asio::ip::tcp::v6());
+        listener6->set_option(asio::ip::v6_only(true));
+        std::error_code error;
+        listener6->bind(asio::ip::tcp::endpoint(asio::ip::make_address("::1"), port), error);
+        if (error) {
+            // No IPv6 loopback here: IPv6 connections then stay direct.
+            platform::log::error("no IPv6 listener ({}); IPv6 connections go direct",
+                                 error.message());
+            listener6.reset();
+        } else {
+            listener6->listen();
+        }
+    } catch (const std::system_error& error) {
+        whyNot = std::string("cannot listen on the loopback: ") + error.what();
+        return false;
+    }
+    acceptOn(*listener4);
+    if (listener6) {
+        acceptOn(*listener6);
+    }
+    return true;
+}
+
+void LinuxFlowHost::Impl::acceptOn(asio::ip::tcp::acceptor& acceptor) {
+    acceptor.async_accept(
+        [this, &acceptor](const std::error_code& error, asio::ip::tcp::socket socket) {
+            if (error == asio::error::operation_aborted) {
+                return;
+            }
+            if (!error) {
+                pair(std::move(socket));
+            }
+            acceptOn(acceptor);
+        });
+}
+
+void LinuxFlowHost::Impl::pair(asio::ip::tcp::socket socket) {
+    std::error_code error;
+    const auto peer = socket.remote_endpoint(error);
+    if (error) {
+        return;
+    }
+    const bool v6 = peer.address().is_v6();
+    const int fd = socket.native_handle();
+    const auto original = originalDestination(fd, v6);
+    std::shared_ptr<LinuxTCPFlow> flow;
+    if (original) {
+        const auto key =
+            pendingKey(textOf(peer.address()), peer.port(), original->first, original->second);
+        std::lock_guard guard(pendingLock);
+        if (auto found = pending.find(key); found != pending.end()) {
+            flow = std::move(found->second.flow);
+            pending.erase(found);
+        }
+    }
+    if (!flow) {
+        // Nobody asked for this one (a connection to the listener itself, or
+        // one whose flow expired): refuse it plainly.
+        ::linger off{1, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
+        return;
+    }
+    flow->attach(socket.release());
+}
+
+void LinuxFlowHost::Impl::waitForPackets() {
+    queueReady->async_wait(asio::posix::stream_descriptor::wait_read,
+                           [this](const std::error_code& error) {
+                               if (error) {
+                                   return;
+                               }
+                               for (const auto& packet : queue->receive()) {
+                                   decide(packet);
+                               }
+                               waitForPackets();
+                           });
+}
+
+NEFlowMetaData LinuxFlowHost::Impl::metaDataFor(const QueuedPacket& packet) {
+    NEFlowMetaData metaData;
+    const auto owner = lookupSocket(packet.family, packet.protocol, packet.source,
+                                    packet.sourcePort, packet.destination, packet.destinationPort);
+    if (!owner) {
+        return metaData;
+    }
+    if (const auto pid = resolver.pidFor(*owner)) {
+        metaData.sourceAppSigningIdentifier = signingIdentifier(*pid);
+        metaData.sourceAppAuditToken = makeAuditToken(*pid);
+    }
+    return metaData;
+}
+
+void LinuxFlowHost::Impl::decide(const QueuedPacket& packet) {
+    const auto& marks = options;
+    if (packet.protocol != IPPROTO_TCP) {
+        queue->accept(packet.id, std::nullopt); // no datagram capture in this host
+        return;
+    }
+    auto flow = LinuxTCPFlow::make(io,
+                                   NWHostEndpoint::endpointWithHostname(
+                                       packet.destination, std::to_string(packet.destinationPort)),
+                                   metaDataFor(packet));
+    const auto key =
+        pendingKey(packet.source, packet.sourcePort, packet.destination, packet.destinationPort);
+    {
+        // In the table before the answer: the redirected connection may
+        // reach the listener before handleNewFlow has returned.
+        std::lock_guard guard(pendingLock);
+        pending[key] = Pending{flow, Clock::now()};
+    }
+    const bool taken = provider->handleNewFlow(flow);
+    std::optional<std::uint32_t> mark;
+    if (!taken || flow->closedBeforeOpen()) {
+        std::lock_guard guard(pendingLock);
+        pending.erase(key);
+    }
+    // A verdict's mark replaces the packet's whole mark: the bits outside
+    // our mask (a VPN's, a container runtime's) are carried over.
+    const std::uint32_t kept = packet.mark & ~marks.markMask;
+    if (!taken) {
+        mark = std::nullopt; // declined: the connection simply proceeds
+    } else if (flow->closedBeforeOpen()) {
+        mark = kept | marks.refuseMark;
+    } else {
+        mark = kept | marks.carryMark;
+    }
+    queue->accept(packet.id, mark);
+}
+
+void LinuxFlowHost::Impl::sweep() {
+    sweeper->expires_after(std::chrono::seconds(2));
+    sweeper->async_wait([this](const std::error_code& error) {
+        if (error) {
+            return;
+        }
+        std::vector<std::shared_ptr<LinuxTCPFlow>> expired;
+        {
+            std::lock_guard guard(pendingLock);
+            const auto now = Clock::now();
+            for (auto it = pending.begin(); it != pending.end();) {
+                if (now - it->second.since > pendingLifetime) {
+                    expired.push_back(std::move(it->second.flow));
+                    it = pending.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        }
+        for (const auto& flow : expired) {
+            flow->abandon(NEAppProxyError::notConnected());
+        }
+        sweep();
+    });
+}
+
+std::string LinuxFlowHost::Impl::handleMessage(std::string_view line) {
+    auto reply = std::make_shared<std::promise<std::string>>();
+    auto answer = reply->get_future();
+    provider->handleAppMessage(
+        Bytes(line.begin(), line.end()), [reply](std::optional<Bytes> bytes) {
+            reply->set_value(bytes ? std::string(bytes->begin(), bytes->end()) : std::string());
+        });
+    return answer.get();
+}
+
+void LinuxFlowHost::setTunnelNetworkSettings(
+    std::optional<NETransparentProxyNetworkSettings> settings, SettingsCompletion completion) {
+    auto& impl = *impl_;
+    auto fail = [&](const std::string& why) {
+        FlowError error = NEAppProxyError::make(NEAppProxyError::Code::internal);
+        error.text = why;
+        completion(error);
+    };
+    if (!settings) {
+        impl.queueReady.reset();
+        impl.queue.reset();
+        impl.tables.reset();
+        completion(std::nullopt);
+        return;
+    }
+    std::string whyNot;
+    if (!impl.listener4 && !impl.openListeners(whyNot)) {
+        fail(whyNot);
+        return;
+    }
+    TableConfig config;
+    config.name = impl.options.tableName;
+    config.queueNumber = impl.options.queueNumber;
+    config.tcpListenerPort = impl.listener4->local_endpoint().port();
+    config.marks.mask = impl.options.markMask;
+    config.marks.bypass = impl.options.bypassMark;
+    config.marks.carry = impl.options.carryMark;
+    config.marks.refuse = impl.options.refuseMark;
+    // The tables first: they also tell whether another instance runs. Until
+    // the queue is bound, its bypass lets every packet pass.
+    impl.tables = CaptureTables::install(config, whyNot);
+    if (!impl.tables) {
+        fail(whyNot);
+        return;
+    }
+    impl.queue = FlowQueue::open(impl.options.queueNumber, whyNot);
+    if (!impl.queue) {
+        impl.tables.reset();
+        fail(whyNot);
+        return;
+    }
+    impl.queueReady =
+        std::make_unique<asio::posix::stream_descriptor>(impl.io, ::dup(impl.queue->fd()));
+    impl.waitForPackets();
+    completion(std::nullopt);
+}
+
+int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
+    auto& impl = *impl_;
+    impl.provider = provider;
+    setBypassSocketMark(impl.options.bypassMark);
+    provider->attachHost(weak_from_this());
+    if (impl.options.profile) {
+        provider->setProtocolConfiguration(
+            NETunnelProviderProtocol{ProviderDictionary{{"profile", *impl.options.profile}}});
+    }
+
+    std::promise<std::optional<FlowError>> started;
+    provider->startProxy(std::nullopt, [&started](const std::optional<FlowError>& error) {
+        started.set_value(error);
+    });
+    if (auto error = started.get_future().get()) {
+        platform::log::error("capture unavailable: {}", error->localizedDescription());
+        impl.tables.reset();
+        return 2;
+    }
+
+    try {
+        const auto path = impl.options.messageSocketPath.empty()
+                              ? RuntimePaths::socketPath(messageService)
+                              : impl.options.messageSocketPath;
+        if (impl.options.messageSocketPath.empty()) {
+            RuntimePaths::prepareDirectory(RuntimePaths::runtimeDirectory());
+        }
+        impl.messages = std::make_unique<UnixLineServer>(
+            path, [&impl](std::string_view line) { return impl.handleMessage(line); });
+        impl.messages->start();
+    } catch (const std::exception& error) {
+        platform::log::error("app messages unavailable: {}", error.what());
+    }
+
+    impl.sweeper = std::make_unique<asio::steady_timer>(impl.io);
+    impl.sweep();
+    impl.signals.async_wait([&impl](const std::error_code&, int) { impl.io.stop(); });
+    platform::log::info("capture running: table {}, queue {}, listener port {}",
+                        impl.options.tableName, impl.options.queueNumber,
+                        impl.listener4->local_endpoint().port());
+
+    std::vector<std::thread> threads;
+    for (int i = 1; i < std::max(impl.options.threads, 1); ++i) {
+        threads.emplace_back([&impl] { impl.io.run(); });
+    }
+    impl.io.run();
+    for (auto& thread : threads) {
+        thread.join();
+    }
+
+    // New connections go direct from the moment the tables are gone;
+    // carried ones keep their redirect in conntrack until they end.
+    impl.messages.reset();
+    impl.queueReady.reset();
+    impl.tables.reset();
+    impl.queue.reset();
+    std::promise<void> stopped;
+    provider->stopProxy(0, [&stopped] { stopped.set_value(); });
+    stopped.get_future().wait();
+    platform::log::info("capture stopped");
+    return 0;
+}
+
+} // namespace veltrane::platform::capture

@@ -1,0 +1,151 @@
+#!/usr/bin/env bash
+# The capture host end to end, as users run it, inside namespaces made and
+# removed here (see scripts/lib/netns-lab.sh). Needs root; skips (77) without.
+# Usage: capture.sh VELTRANE SOURCE_DIR
+set -u
+veltrane=$1
+root=$2
+if [ "$(id -u)" -ne 0 ]; then
+    echo "skipped: needs root for network namespaces"
+    exit 77
+fi
+# shellcheck source=../../scripts/lib/netns-lab.sh
+. "$root/scripts/lib/netns-lab.sh"
+failures=0
+run_pid=
+cleanup() {
+    [ -n "$run_pid" ] && kill -9 "$run_pid" 2>/dev/null
+    lab_down
+}
+trap cleanup EXIT
+
+check() { # name, command...: passes when the command succeeds
+    local name=$1
+    shift
+    if "$@"; then
+        echo "ok   $name"
+    else
+        echo "FAIL $name"
+        failures=$((failures + 1))
+    fi
+}
+
+start_run() { # [profile]: starts `veltrane run` in the client namespace, waits for capture
+    "$veltrane" run --netns "$lab_client" ${1:+--profile "$1"} 2>>"$lab_dir/run.log" &
+    run_pid=$!
+    local i
+    for i in $(seq 200); do
+        [ "$(grep -c 'capture running' "$lab_dir/run.log")" -ge "$runs" ] && return 0
+        kill -0 "$run_pid" 2>/dev/null || break
+        sleep 0.05
+    done
+    echo "veltrane run did not come up:"
+    cat "$lab_dir/run.log"
+    return 1
+}
+
+# The origin's log line for the last request, by the client address it saw.
+origin_saw() { tail -n 1 "$lab_dir/origin.log" | grep -q "^$1 "; }
+fetch() { lab_in "$@" >/dev/null 2>"$lab_dir/client.err"; }
+events() { "$veltrane" events --json 2>/dev/null; }
+tables_left() { lab_in nft list tables 2>/dev/null | grep -q .; }
+
+lab_up || exit 1
+lab_srv python3 "$root/Tests/e2e/echo-server.py" 443 >/dev/null 2>&1 &
+lab_pids+=($!)
+lab_wait_port "$lab_server" 443 || exit 1
+# Python clients are carried like curl; whatever runs in the scope of the
+# desktop app "vtlabapp" is refused.
+python3 - "$root/examples/demo-profile.json" >"$lab_dir/profile.json" <<'EOF'
+import json, sys
+profile = json.load(open(sys.argv[1]))
+profile["rules"][1]["apps"] = ["curl", "python*"]
+scoped = dict(profile["rules"][0], id="D3E0C0DE-0000-4000-8000-000000000102",
+              name="Scoped app", ports=[], apps=["vtlabapp"])
+profile["rules"].insert(0, scoped)
+print(json.dumps(profile))
+EOF
+profile=$lab_dir/profile.json
+runs=1
+start_run "$profile" || exit 1
+
+fetch curl -sS --max-time 5 http://origin.example/
+check "curl reaches the origin through the proxy" origin_saw 192.0.2.2
+fetch wget -qO- --timeout=5 http://origin.example/
+check "wget goes direct with its own address" origin_saw 192.0.2.1
+check "the proxy was asked by name" grep -q "upstream 192.0.2.2:1080 for origin.example:80 (sni)" "$lab_dir/run.log"
+check "events name curl as the application" grep -q '"app":"curl"' <(events)
+check "events name wget as the application" grep -q '"app":"wget"' <(events)
+
+# Nothing listens on 192.0.2.3: only the sniffed name leads to the echo.
+check "a 2 KB hello in two segments reaches the proxy by its name" \
+    lab_in python3 "$root/Tests/e2e/split-hello.py" 192.0.2.3 443 origin.example
+
+# An application in a systemd-style scope is known by the scope's app id.
+cgroup2=$(awk '$9 == "cgroup2" { print $5; exit }' /proc/self/mountinfo)
+scope=$cgroup2/app-gnome-vtlabapp-$$.scope
+if [ -n "$cgroup2" ] && mkdir "$scope" 2>/dev/null; then
+    # Moved in before `ip netns exec`, which mounts a /sys of its own.
+    (echo "$BASHPID" >"$scope/cgroup.procs" && exec ip netns exec "$lab_client" \
+        curl -sS --max-time 5 http://origin.example/) >/dev/null 2>"$lab_dir/client.err"
+    check "an app in a scope is known by its app id" grep -q '"bundleID":"vtlabapp"' <(events)
+    check "and its rule applies" grep -q "Couldn't connect\|Connection refused" "$lab_dir/client.err"
+    rmdir "$scope"
+else
+    echo "skip app scope: no writable cgroup2 hierarchy"
+fi
+
+started=$(date +%s%N)
+fetch curl -sS --max-time 5 http://origin.example:9/
+refused_ms=$((($(date +%s%N) - started) / 1000000))
+check "a block rule refuses at connect()" grep -q "Connection refused\|Couldn't connect" "$lab_dir/client.err"
+check "the refusal is immediate (${refused_ms} ms)" test "$refused_ms" -lt 2000
+
+"$veltrane" run --netns "$lab_client" --profile "$profile" >"$lab_dir/second.log" 2>&1
+check "a second instance is refused" grep -q "another instance" "$lab_dir/second.log"
+
+# The host dies without a chance to clean up; the kernel removes its tables.
+kill -9 "$(pgrep -P "$run_pid" -f veltrane-extension)"
+wait "$run_pid" 2>/dev/null
+run_pid=
+check "kill -9 leaves no table behind" bash -c "! ip netns exec $lab_client nft list tables | grep -q ."
+fetch curl -sS --max-time 5 http://origin.example/
+check "after kill -9 curl goes direct" origin_saw 192.0.2.1
+
+runs=2
+check "a restart works" start_run "$profile"
+fetch curl -sS --max-time 5 http://origin.example/
+check "after the restart curl is carried again" origin_saw 192.0.2.2
+
+# A long download keeps its route while a reload sends curl direct.
+head -c 20000000 /dev/zero >"$lab_dir/www/big"
+lab_in curl -sS --max-time 30 --limit-rate 10M -o "$lab_dir/big.out" http://origin.example/big &
+download=$!
+sed 's/"apps": \["curl", "python\*"\]/"apps": ["nobody"]/; s/"apps":\["curl","python\*"\]/"apps":["nobody"]/' "$profile" >"$lab_dir/direct.json"
+check "reload is taken" "$veltrane" reload --profile "$lab_dir/direct.json"
+check "the running download finishes" wait "$download"
+check "the download is whole" test "$(stat -c %s "$lab_dir/big.out")" -eq 20000000
+fetch curl -sS --max-time 5 http://origin.example/
+check "the next connection follows the new rules" origin_saw 192.0.2.1
+kill "$run_pid"
+wait "$run_pid" 2>/dev/null
+run_pid=
+check "a clean exit removes the tables" bash -c "! ip netns exec $lab_client nft list tables | grep -q ."
+
+# Bad input.
+"$veltrane" run --netns vt-no-such-namespace >"$lab_dir/bad.log" 2>&1
+check "an unknown namespace is exit status 2" test $? -eq 2
+check "an unknown namespace is said plainly" grep -q "no network namespace vt-no-such-namespace" "$lab_dir/bad.log"
+printf '{"not": "a profile"' >"$lab_dir/broken.json"
+runs=3
+check "a broken profile still runs" start_run "$lab_dir/broken.json"
+check "a broken profile is one clear line" grep -q "is not a JSON profile" "$lab_dir/run.log"
+fetch curl -sS --max-time 5 http://origin.example/
+check "without a profile everything goes direct" origin_saw 192.0.2.1
+
+if [ "$failures" -ne 0 ]; then
+    echo "--- veltrane run log"
+    cat "$lab_dir/run.log"
+    echo "$failures failure(s)"
+    exit 1
+fi
