@@ -54,15 +54,64 @@ lab_up || exit 1
 lab_srv python3 "$root/Tests/e2e/echo-server.py" 443 >/dev/null 2>&1 &
 lab_pids+=($!)
 lab_wait_port "$lab_server" 443 || exit 1
+lab_srv python3 "$root/Tests/e2e/echo-server.py" 443 udp >/dev/null 2>&1 &
+lab_pids+=($!)
+cat >"$lab_dir/danted.conf" <<EOF
+logoutput: stderr
+internal: 192.0.2.2 port = 1081
+external: 192.0.2.2
+socksmethod: none
+clientmethod: none
+user.privileged: root
+user.unprivileged: nobody
+client pass { from: 0.0.0.0/0 to: 0.0.0.0/0 }
+socks pass { from: 0.0.0.0/0 to: 0.0.0.0/0 command: connect udpassociate udpreply }
+EOF
+lab_srv /usr/sbin/danted -f "$lab_dir/danted.conf" -p "$lab_dir/danted.pid" -N 1 \
+    >"$lab_dir/dante.log" 2>&1 &
+lab_pids+=($!)
+lab_wait_port "$lab_server" 1081 || exit 1
+# An IPv6 origin, named in both namespaces, and a second link between them
+# with an origin on port 8080 that tells which link a request came by.
+echo "2001:db8::2 origin6.example" | tee -a /etc/netns/"$lab_client"/hosts >>/etc/netns/"$lab_server"/hosts
+lab_srv python3 -m http.server 80 --bind 2001:db8::2 --directory "$lab_dir/www" \
+    >"$lab_dir/origin6.log" 2>&1 &
+lab_pids+=($!)
+pin=vtp$lab_id
+ip link add "$pin" netns "$lab_client" type veth peer name vtq"$lab_id" netns "$lab_server"
+lab_in ip addr add 198.51.100.1/24 dev "$pin"
+lab_in ip link set "$pin" up
+lab_srv ip addr add 198.51.100.2/24 dev vtq"$lab_id"
+lab_srv ip link set vtq"$lab_id" up
+lab_srv python3 -m http.server 8080 --bind 0.0.0.0 --directory "$lab_dir/www" \
+    >"$lab_dir/pinned.log" 2>&1 &
+lab_pids+=($!)
+lab_wait_port "$lab_server" 8080 || exit 1
+# A copy of the interpreter under another name, for the QUIC refusal.
+cp "$(readlink -f /usr/bin/python3)" "$lab_dir/vtquic"
 # Python clients are carried like curl; whatever runs in the scope of the
 # desktop app "vtlabapp" is refused.
-python3 - "$root/examples/demo-profile.json" >"$lab_dir/profile.json" <<'EOF'
+python3 - "$root/examples/demo-profile.json" "$pin" >"$lab_dir/profile.json" <<'EOF'
 import json, sys
 profile = json.load(open(sys.argv[1]))
 profile["rules"][1]["apps"] = ["curl", "python*"]
 scoped = dict(profile["rules"][0], id="D3E0C0DE-0000-4000-8000-000000000102",
               name="Scoped app", ports=[], apps=["vtlabapp"])
 profile["rules"].insert(0, scoped)
+dante = dict(profile["proxies"][0], id="D3E0C0DE-0000-4000-8000-000000000011",
+             name="Lab dante", port=1081)
+profile["proxies"].append(dante)
+quic = dict(profile["rules"][0], ports=[], transport="udp",
+            action={"kind": "proxy", "id": dante["id"]})
+profile["rules"][:0] = [
+    dict(quic, id="D3E0C0DE-0000-4000-8000-000000000103", name="QUIC via dante",
+         apps=["python*"], quicPolicy="proxy"),
+    dict(quic, id="D3E0C0DE-0000-4000-8000-000000000104", name="QUIC refused",
+         apps=["vtquic"], quicPolicy="fallback"),
+]
+profile["rules"].insert(0, dict(profile["rules"][0], id="D3E0C0DE-0000-4000-8000-000000000105",
+                                name="Pinned", ports=["8080"], apps=[], transport="tcp",
+                                action={"kind": "interface", "name": sys.argv[2]}))
 print(json.dumps(profile))
 EOF
 profile=$lab_dir/profile.json
@@ -80,6 +129,17 @@ check "events name wget as the application" grep -q '"app":"wget"' <(events)
 # Nothing listens on 192.0.2.3: only the sniffed name leads to the echo.
 check "a 2 KB hello in two segments reaches the proxy by its name" \
     lab_in python3 "$root/Tests/e2e/split-hello.py" 192.0.2.3 443 origin.example
+
+fetch curl -sS --max-time 5 http://origin6.example/
+check "an IPv6 destination is carried by its name" \
+    grep -q '^2001:db8::2 .*"GET / ' "$lab_dir/origin6.log"
+fetch wget -qO- --timeout=5 http://192.0.2.2:8080/
+check "a pinned flow leaves by its interface" grep -q '^198.51.100.1 ' "$lab_dir/pinned.log"
+
+lab_in python3 "$root/Tests/e2e/udp-echo.py" 192.0.2.2 443 >"$lab_dir/udp.out" 2>&1
+check "UDP/443 round trip through the SOCKS5 relay" grep -q "quic from 192.0.2.2" "$lab_dir/udp.out"
+lab_in "$lab_dir/vtquic" "$root/Tests/e2e/udp-echo.py" 192.0.2.2 443 >/dev/null 2>&1
+check "a fallback policy refuses QUIC" test $? -eq 2
 
 # An application in a systemd-style scope is known by the scope's app id.
 cgroup2=$(awk '$9 == "cgroup2" { print $5; exit }' /proc/self/mountinfo)

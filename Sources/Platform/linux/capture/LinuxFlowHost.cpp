@@ -9,10 +9,12 @@
 #include "Platform/linux/capture/CaptureTables.hpp"
 #include "Platform/linux/capture/FlowQueue.hpp"
 #include "Platform/linux/capture/LinuxTCPFlow.hpp"
+#include "Platform/linux/capture/LinuxUDPFlow.hpp"
 #include "Platform/linux/capture/SocketOwners.hpp"
 
 #include <arpa/inet.h>
 #include <asio.hpp>
+#include <cstring>
 #include <future>
 #include <linux/netfilter_ipv4.h>
 #include <linux/netfilter_ipv6/ip6_tables.h>
@@ -29,6 +31,21 @@ using Clock = std::chrono::steady_clock;
 // A redirected connection that never arrives (the application died between
 // its first packet and the redirect) must not hold its flow for ever.
 constexpr auto pendingLifetime = std::chrono::seconds(10);
+// A UDP flow has no end of its own: one that has been silent this long is
+// ended, as a stateful firewall would forget it.
+constexpr auto udpIdleLifetime = std::chrono::seconds(120);
+
+std::pair<std::string, std::uint16_t> addressText(const sockaddr_storage& address) {
+    char text[INET6_ADDRSTRLEN] = {};
+    if (address.ss_family == AF_INET6) {
+        const auto* in6 = reinterpret_cast<const sockaddr_in6*>(&address);
+        ::inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text);
+        return {text, ntohs(in6->sin6_port)};
+    }
+    const auto* in4 = reinterpret_cast<const sockaddr_in*>(&address);
+    ::inet_ntop(AF_INET, &in4->sin_addr, text, sizeof text);
+    return {text, ntohs(in4->sin_port)};
+}
 
 std::string textOf(const asio::ip::address& address) {
     if (address.is_v6() && address.to_v6().is_v4_mapped()) {
@@ -81,6 +98,10 @@ struct LinuxFlowHost::Impl {
     std::unique_ptr<asio::ip::tcp::acceptor> listener4;
     std::unique_ptr<asio::ip::tcp::acceptor> listener6;
     std::unique_ptr<UnixLineServer> messages;
+    // Transparent sockets where carried UDP arrives, one per family.
+    std::vector<std::unique_ptr<asio::posix::stream_descriptor>> transparent;
+    std::mutex udpLock;                                            // guards udpFlows
+    std::map<std::string, std::shared_ptr<LinuxUDPFlow>> udpFlows; // by the application's address
     std::unique_ptr<asio::steady_timer> sweeper;
 
     struct Pending {
@@ -95,6 +116,9 @@ struct LinuxFlowHost::Impl {
     void pair(asio::ip::tcp::socket socket);
     void waitForPackets();
     void decide(const QueuedPacket& packet);
+    void decideDatagram(const QueuedPacket& packet);
+    bool openTransparent(std::uint16_t& port, std::string& whyNot);
+    void receiveDatagrams(asio::posix::stream_descriptor& socket);
     NEFlowMetaData metaDataFor(const QueuedPacket& packet);
     void sweep();
     std::string handleMessage(std::string_view line);
@@ -206,8 +230,12 @@ NEFlowMetaData LinuxFlowHost::Impl::metaDataFor(const QueuedPacket& packet) {
 
 void LinuxFlowHost::Impl::decide(const QueuedPacket& packet) {
     const auto& marks = options;
+    if (packet.protocol == IPPROTO_UDP) {
+        decideDatagram(packet);
+        return;
+    }
     if (packet.protocol != IPPROTO_TCP) {
-        queue->accept(packet.id, std::nullopt); // no datagram capture in this host
+        queue->accept(packet.id, std::nullopt);
         return;
     }
     auto flow = LinuxTCPFlow::make(io,
@@ -241,6 +269,135 @@ void LinuxFlowHost::Impl::decide(const QueuedPacket& packet) {
     queue->accept(packet.id, mark);
 }
 
+void LinuxFlowHost::Impl::decideDatagram(const QueuedPacket& packet) {
+    const std::uint32_t kept = packet.mark & ~options.markMask;
+    const auto key = packet.source + "|" + std::to_string(packet.sourcePort);
+    {
+        // The socket's flow exists already: a new peer of the same socket is
+        // carried by it.
+        std::lock_guard guard(udpLock);
+        if (udpFlows.count(key) != 0) {
+            queue->accept(packet.id, kept | options.carryMark);
+            return;
+        }
+    }
+    auto flow = LinuxUDPFlow::make(io, packet.source, packet.sourcePort, metaDataFor(packet),
+                                   options.bypassMark, [this, key] {
+                                       std::lock_guard guard(udpLock);
+                                       udpFlows.erase(key);
+                                   });
+    {
+        std::lock_guard guard(udpLock);
+        udpFlows[key] = flow;
+    }
+    const bool taken = provider->handleNewFlow(flow);
+    if (!taken || flow->closedBeforeOpen()) {
+        std::lock_guard guard(udpLock);
+        udpFlows.erase(key);
+    }
+    if (!taken) {
+        queue->accept(packet.id, std::nullopt);
+    } else if (flow->closedBeforeOpen()) {
+        queue->accept(packet.id, kept | options.refuseMark);
+    } else {
+        queue->accept(packet.id, kept | options.carryMark);
+    }
+}
+
+bool LinuxFlowHost::Impl::openTransparent(std::uint16_t& port, std::string& whyNot) {
+    for (const int family : {AF_INET, AF_INET6}) {
+        const bool v4 = family == AF_INET;
+        const int fd = ::socket(family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        const int on = 1;
+        sockaddr_storage address{};
+        socklen_t length = 0;
+        if (v4) {
+            auto* in4 = reinterpret_cast<sockaddr_in*>(&address);
+            in4->sin_family = AF_INET;
+            in4->sin_port = htons(port);
+            length = sizeof *in4;
+        } else {
+            auto* in6 = reinterpret_cast<sockaddr_in6*>(&address);
+            in6->sin6_family = AF_INET6;
+            in6->sin6_port = htons(port);
+            length = sizeof *in6;
+            ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        }
+        const int level = v4 ? SOL_IP : SOL_IPV6;
+        if (fd < 0 ||
+            ::setsockopt(fd, level, v4 ? IP_TRANSPARENT : IPV6_TRANSPARENT, &on, sizeof on) != 0 ||
+            ::setsockopt(fd, level, v4 ? IP_RECVORIGDSTADDR : IPV6_RECVORIGDSTADDR, &on,
+                         sizeof on) != 0 ||
+            ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0) {
+            whyNot = std::string("no transparent UDP socket: ") + std::strerror(errno);
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            transparent.clear();
+            return false;
+        }
+        if (port == 0) {
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+            port = addressText(address).second;
+        }
+        transparent.push_back(std::make_unique<asio::posix::stream_descriptor>(io, fd));
+    }
+    for (auto& socket : transparent) {
+        receiveDatagrams(*socket);
+    }
+    return true;
+}
+
+void LinuxFlowHost::Impl::receiveDatagrams(asio::posix::stream_descriptor& socket) {
+    socket.async_wait(asio::posix::stream_descriptor::wait_read, [this, &socket](
+                                                                     const std::error_code& error) {
+        if (error) {
+            return;
+        }
+        for (;;) {
+            Bytes payload(65536);
+            sockaddr_storage from{};
+            char control[256];
+            iovec vector{payload.data(), payload.size()};
+            msghdr message{};
+            message.msg_name = &from;
+            message.msg_namelen = sizeof from;
+            message.msg_iov = &vector;
+            message.msg_iovlen = 1;
+            message.msg_control = control;
+            message.msg_controllen = sizeof control;
+            const ssize_t size = ::recvmsg(socket.native_handle(), &message, MSG_DONTWAIT);
+            if (size < 0) {
+                break;
+            }
+            std::optional<std::pair<std::string, std::uint16_t>> destination;
+            for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+                if ((c->cmsg_level == SOL_IP && c->cmsg_type == IP_ORIGDSTADDR) ||
+                    (c->cmsg_level == SOL_IPV6 && c->cmsg_type == IPV6_ORIGDSTADDR)) {
+                    sockaddr_storage original{};
+                    std::memcpy(&original, CMSG_DATA(c),
+                                std::min<std::size_t>(c->cmsg_len - CMSG_LEN(0), sizeof original));
+                    destination = addressText(original);
+                }
+            }
+            const auto source = addressText(from);
+            std::shared_ptr<LinuxUDPFlow> flow;
+            {
+                std::lock_guard guard(udpLock);
+                if (auto found = udpFlows.find(source.first + "|" + std::to_string(source.second));
+                    found != udpFlows.end()) {
+                    flow = found->second;
+                }
+            }
+            if (flow && destination) {
+                payload.resize(static_cast<std::size_t>(size));
+                flow->deliver(std::move(payload), destination->first, destination->second);
+            }
+        }
+        receiveDatagrams(socket);
+    });
+}
+
 void LinuxFlowHost::Impl::sweep() {
     sweeper->expires_after(std::chrono::seconds(2));
     sweeper->async_wait([this](const std::error_code& error) {
@@ -262,6 +419,18 @@ void LinuxFlowHost::Impl::sweep() {
         }
         for (const auto& flow : expired) {
             flow->abandon(NEAppProxyError::notConnected());
+        }
+        std::vector<std::shared_ptr<LinuxUDPFlow>> idle;
+        {
+            std::lock_guard guard(udpLock);
+            for (const auto& [key, flow] : udpFlows) {
+                if (Clock::now() - flow->lastActivity() > udpIdleLifetime) {
+                    idle.push_back(flow);
+                }
+            }
+        }
+        for (const auto& flow : idle) {
+            flow->end();
         }
         sweep();
     });
@@ -301,6 +470,13 @@ void LinuxFlowHost::setTunnelNetworkSettings(
     config.name = impl.options.tableName;
     config.queueNumber = impl.options.queueNumber;
     config.tcpListenerPort = impl.listener4->local_endpoint().port();
+    std::uint16_t udpPort = 0;
+    if (impl.transparent.empty() && !impl.openTransparent(udpPort, whyNot)) {
+        // TCP is captured all the same; QUIC then simply goes direct.
+        platform::log::error("{}; UDP/443 goes direct", whyNot);
+        whyNot.clear();
+    }
+    config.udpTransparentPort = udpPort;
     config.marks.mask = impl.options.markMask;
     config.marks.bypass = impl.options.bypassMark;
     config.marks.carry = impl.options.carryMark;
@@ -377,6 +553,7 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     // New connections go direct from the moment the tables are gone;
     // carried ones keep their redirect in conntrack until they end.
     impl.messages.reset();
+    impl.transparent.clear();
     impl.queueReady.reset();
     impl.tables.reset();
     impl.queue.reset();
