@@ -15,6 +15,8 @@
 #include <arpa/inet.h>
 #include <asio.hpp>
 #include <cstring>
+#include <atomic>
+#include <cstdlib>
 #include <future>
 #include <linux/netfilter_ipv4.h>
 #include <linux/netfilter_ipv6/ip6_tables.h>
@@ -31,6 +33,11 @@ using Clock = std::chrono::steady_clock;
 // A redirected connection that never arrives (the application died between
 // its first packet and the redirect) must not hold its flow for ever.
 constexpr auto pendingLifetime = std::chrono::seconds(10);
+// A decision that takes this long means the host is stuck (a provider
+// that never returns, a deadlock): connections are then waiting in the
+// kernel's queue, and the machine must not lose its network for it.
+constexpr auto hungDecision = std::chrono::seconds(5);
+
 // A UDP flow has no end of its own: one that has been silent this long is
 // ended, as a stateful firewall would forget it.
 constexpr auto udpIdleLifetime = std::chrono::seconds(120);
@@ -108,6 +115,12 @@ struct LinuxFlowHost::Impl {
         std::shared_ptr<LinuxTCPFlow> flow;
         Clock::time_point since;
     };
+    // When the decision under way started (0: none); read by the watchdog.
+    std::atomic<Clock::rep> decidingSince{0};
+    std::thread watchdog;
+    std::atomic<bool> stopping{false};
+    void watch();
+
     std::mutex pendingLock; // guards pending
     std::map<std::string, Pending> pending;
 
@@ -208,7 +221,9 @@ void LinuxFlowHost::Impl::waitForPackets() {
                                    return;
                                }
                                for (const auto& packet : queue->receive()) {
+                                   decidingSince = Clock::now().time_since_epoch().count();
                                    decide(packet);
+                                   decidingSince = 0;
                                }
                                waitForPackets();
                            });
@@ -398,6 +413,20 @@ void LinuxFlowHost::Impl::receiveDatagrams(asio::posix::stream_descriptor& socke
     });
 }
 
+void LinuxFlowHost::Impl::watch() {
+    while (!stopping) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        const auto since = decidingSince.load();
+        if (since != 0 && Clock::now() - Clock::time_point(Clock::duration(since)) > hungDecision) {
+            // Dying is the one sure way out: the kernel drops our tables with
+            // the process, and every new connection goes direct again.
+            platform::log::error("a decision has hung for {} s; leaving so that traffic flows",
+                                 hungDecision.count());
+            std::_Exit(3);
+        }
+    }
+}
+
 void LinuxFlowHost::Impl::sweep() {
     sweeper->expires_after(std::chrono::seconds(2));
     sweeper->async_wait([this](const std::error_code& error) {
@@ -541,6 +570,7 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
                         impl.options.tableName, impl.options.queueNumber,
                         impl.listener4->local_endpoint().port());
 
+    impl.watchdog = std::thread([&impl] { impl.watch(); });
     std::vector<std::thread> threads;
     for (int i = 1; i < std::max(impl.options.threads, 1); ++i) {
         threads.emplace_back([&impl] { impl.io.run(); });
@@ -549,6 +579,8 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     for (auto& thread : threads) {
         thread.join();
     }
+    impl.stopping = true;
+    impl.watchdog.join();
 
     // New connections go direct from the moment the tables are gone;
     // carried ones keep their redirect in conntrack until they end.
