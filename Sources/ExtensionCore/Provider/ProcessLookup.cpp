@@ -1,6 +1,8 @@
 #include "ExtensionCore/Provider/ProcessLookup.hpp"
 
 #include "Platform/NEFlowMetaData.hpp"
+#include "Platform/linux/Cgroup2.hpp"
+#include "Platform/linux/SmallFile.hpp"
 
 #include <algorithm>
 #include <array>
@@ -22,37 +24,9 @@ namespace {
 // flow read without end.
 constexpr std::size_t maximumFileSize = 1 << 20;
 
-// A regular file's contents. Opening without blocking and refusing anything
-// but regular files keeps a FIFO or device planted inside some ".app" from
-// stalling the flow path.
 std::optional<std::string> readSmallFile(const std::string& path,
                                          std::size_t limit = maximumFileSize) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        return std::nullopt;
-    }
-    std::optional<std::string> contents;
-    struct stat info {};
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-        contents.emplace();
-        std::array<char, 4096> chunk{};
-        while (true) {
-            auto n = ::read(fd, chunk.data(), chunk.size());
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n < 0 || contents->size() + static_cast<std::size_t>(n) > limit) {
-                contents.reset();
-                break;
-            }
-            if (n == 0) {
-                break;
-            }
-            contents->append(chunk.data(), static_cast<std::size_t>(n));
-        }
-    }
-    ::close(fd);
-    return contents;
+    return platform::readSmallFile(path, limit);
 }
 
 std::string procPath(std::int32_t pid, std::string_view entry) {
@@ -85,44 +59,6 @@ std::optional<Number> parseNumber(std::string_view text) {
         return std::nullopt;
     }
     return value;
-}
-
-// mountinfo writes space, tab, newline and backslash in paths as octal escapes.
-std::string unescapeMountPath(std::string_view text) {
-    std::string result;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size()) {
-            auto digits = text.substr(i + 1, 3);
-            if (std::all_of(digits.begin(), digits.end(),
-                            [](char c) { return c >= '0' && c <= '7'; })) {
-                result += static_cast<char>((digits[0] - '0') * 64 + (digits[1] - '0') * 8 +
-                                            (digits[2] - '0'));
-                i += 3;
-                continue;
-            }
-        }
-        result += text[i];
-    }
-    return result;
-}
-
-std::optional<std::string> findCgroup2Mount() {
-    // Many containers make mountinfo large; read it once with a generous cap.
-    auto mountinfo = readSmallFile("/proc/self/mountinfo", 64 * maximumFileSize);
-    if (!mountinfo) {
-        return std::nullopt;
-    }
-    for (auto line : split(*mountinfo, '\n')) {
-        auto fields = split(line, ' ');
-        auto separator = std::find(fields.begin(), fields.end(), "-");
-        // Only a mount of the whole hierarchy lets the paths in /proc/PID/cgroup
-        // be appended as they are.
-        if (fields.size() >= 5 && separator != fields.end() && separator + 1 != fields.end() &&
-            separator[1] == "cgroup2" && fields[3] == "/") {
-            return unescapeMountPath(fields[4]);
-        }
-    }
-    return std::nullopt;
 }
 
 struct ScopeMember {
@@ -277,8 +213,7 @@ ResponsiblePIDFunction responsiblePIDFn() {
 }
 
 const std::optional<std::string>& cgroup2Mount() {
-    static const std::optional<std::string> mount = findCgroup2Mount();
-    return mount;
+    return platform::cgroup2Mount();
 }
 
 } // namespace veltrane::core::ProcessLookup

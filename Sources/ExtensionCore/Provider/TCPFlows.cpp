@@ -9,7 +9,7 @@
 #include "ExtensionCore/HTTPConnectClient.hpp"
 #include "ExtensionCore/InterfaceBoundClient.hpp"
 #include "ExtensionCore/InterfaceRegistry.hpp"
-#include "ExtensionCore/Provider/FirstPacket.hpp"
+#include "ExtensionCore/Provider/FlowSteps.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
 #include "ExtensionCore/SNISniffer.hpp"
 #include "ExtensionCore/SOCKS5Client.hpp"
@@ -52,13 +52,6 @@ struct TCPFlowContext {
         }
     }
 };
-
-Awaitable<std::optional<FlowError>> openFlow(std::shared_ptr<platform::NEAppProxyFlow> flow) {
-    auto begin = [flow](auto done) {
-        flow->open([done](const std::optional<FlowError>& error) { done(error); });
-    };
-    return awaitCallback<std::optional<FlowError>>(std::move(begin));
-}
 
 void closeBoth(platform::NEAppProxyFlow& flow, const std::optional<FlowError>& error) {
     flow.closeRead(error);
@@ -238,13 +231,30 @@ void TransparentProxyProvider::handleTCPFlow(std::shared_ptr<NEAppProxyTCPFlow> 
                                              kit::ProxyServer proxy, std::string host,
                                              std::uint16_t port, kit::AppIdentity app,
                                              kit::Verdict verdict) {
+    carryTCP(std::move(flow), std::move(proxy), {}, std::move(host), port, std::move(app),
+             std::move(verdict));
+}
+
+void TransparentProxyProvider::handleInterfaceFlow(std::shared_ptr<NEAppProxyTCPFlow> flow,
+                                                   std::string interfaceName, std::string host,
+                                                   std::uint16_t port, kit::AppIdentity app,
+                                                   kit::Verdict verdict) {
+    carryTCP(std::move(flow), std::nullopt, std::move(interfaceName), std::move(host), port,
+             std::move(app), std::move(verdict));
+}
+
+void TransparentProxyProvider::carryTCP(std::shared_ptr<NEAppProxyTCPFlow> flow,
+                                        std::optional<kit::ProxyServer> proxy,
+                                        std::string interfaceName, std::string host,
+                                        std::uint16_t port, kit::AppIdentity app,
+                                        kit::Verdict verdict) {
     TCPFlowContext context{weak_from_this(), std::move(flow),    std::move(host), port,
                            std::move(app),   std::move(verdict), Clock::now()};
     record(Phase::open, context.app, context.host, port, FlowTransport::tcp, context.verdict, 0, 0,
            0, std::nullopt);
     // Every argument is a named value: g++ 12 has miscompiled temporaries
     // handed to a coroutine in the same expression.
-    CarryPlan plan{std::move(proxy), {}};
+    CarryPlan plan{std::move(proxy), std::move(interfaceName)};
     std::function<void()> releaseActive = [weak = weak_from_this()] {
         if (auto owner = weak.lock()) {
             owner->leaveActive();
@@ -252,20 +262,6 @@ void TransparentProxyProvider::handleTCPFlow(std::shared_ptr<NEAppProxyTCPFlow> 
     };
     auto task = carryTCPFlow(std::move(context), std::move(plan), connections_, queue(),
                              interfaces_, firstPacketWait_, std::move(releaseActive));
-    asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);
-}
-
-void TransparentProxyProvider::handleInterfaceFlow(std::shared_ptr<NEAppProxyTCPFlow> flow,
-                                                   std::string interfaceName, std::string host,
-                                                   std::uint16_t port, kit::AppIdentity app,
-                                                   kit::Verdict verdict) {
-    TCPFlowContext context{weak_from_this(), std::move(flow),    std::move(host), port,
-                           std::move(app),   std::move(verdict), Clock::now()};
-    record(Phase::open, context.app, context.host, port, FlowTransport::tcp, context.verdict, 0, 0,
-           0, std::nullopt);
-    CarryPlan plan{std::nullopt, std::move(interfaceName)};
-    auto task = carryTCPFlow(std::move(context), std::move(plan), connections_, queue(),
-                             interfaces_, firstPacketWait_, {});
     asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);
 }
 

@@ -133,6 +133,10 @@ public:
 private:
     void refuse(platform::NEAppProxyFlow& flow, const kit::AppIdentity& app,
                 const std::string& host, const kit::Verdict& verdict);
+    // Both TCP handlers: through `proxy`, or pinned to `interfaceName`.
+    void carryTCP(std::shared_ptr<platform::NEAppProxyTCPFlow> flow,
+                  std::optional<kit::ProxyServer> proxy, std::string interfaceName,
+                  std::string host, std::uint16_t port, kit::AppIdentity app, kit::Verdict verdict);
     void pumpDNS(std::shared_ptr<DNSFlow> dns);
     void forwardDNS(std::shared_ptr<DNSFlow> dns, platform::Bytes query,
                     std::shared_ptr<const platform::NWHostEndpoint> endpoint);

@@ -3,6 +3,7 @@
 
 #include "ExtensionCore/AwaitCallback.hpp"
 #include "ExtensionCore/DecimalText.hpp"
+#include "ExtensionCore/Provider/FlowSteps.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
 #include "ExtensionCore/UDPRelay.hpp"
 
@@ -19,13 +20,6 @@ using Phase = kit::ConnectionEvent::Phase;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-Awaitable<std::optional<FlowError>> openFlow(std::shared_ptr<platform::NEAppProxyFlow> flow) {
-    auto begin = [flow](auto done) {
-        flow->open([done](const std::optional<FlowError>& error) { done(error); });
-    };
-    return awaitCallback<std::optional<FlowError>>(std::move(begin));
-}
 
 struct UDPFlowContext {
     std::weak_ptr<TransparentProxyProvider> provider;

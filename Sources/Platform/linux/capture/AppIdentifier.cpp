@@ -1,5 +1,7 @@
 #include "Platform/linux/capture/AppIdentifier.hpp"
 
+#include "Platform/linux/SmallFile.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -13,35 +15,9 @@ namespace veltrane::platform::capture {
 namespace {
 
 // The sandbox's own root holds .flatpak-info, so whoever runs there chooses
-// what we read: never follow a link, never block, never read much.
+// what we read: never follow a link, never read much.
 std::optional<std::string> readSmallFile(const std::string& path, int extraFlags) {
-    constexpr std::size_t limit = 1 << 16;
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | extraFlags);
-    if (fd < 0) {
-        return std::nullopt;
-    }
-    std::optional<std::string> contents;
-    struct stat info {};
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-        contents.emplace();
-        std::array<char, 4096> chunk{};
-        while (true) {
-            auto n = ::read(fd, chunk.data(), chunk.size());
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n < 0 || contents->size() + static_cast<std::size_t>(n) > limit) {
-                contents.reset();
-                break;
-            }
-            if (n == 0) {
-                break;
-            }
-            contents->append(chunk.data(), static_cast<std::size_t>(n));
-        }
-    }
-    ::close(fd);
-    return contents;
+    return platform::readSmallFile(path, 1 << 16, extraFlags);
 }
 
 std::vector<std::string_view> split(std::string_view text, char separator) {

@@ -14,9 +14,9 @@
 
 #include <arpa/inet.h>
 #include <asio.hpp>
-#include <cstring>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <future>
 #include <linux/netfilter_ipv4.h>
 #include <linux/netfilter_ipv6/ip6_tables.h>

@@ -1,5 +1,8 @@
 #include "Platform/linux/capture/SocketOwners.hpp"
 
+#include "Platform/linux/Cgroup2.hpp"
+#include "Platform/linux/SmallFile.hpp"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
@@ -39,37 +42,6 @@ std::optional<Number> parseNumber(std::string_view text) {
     return value;
 }
 
-// Files under /proc and the cgroup tree report no size; read to the end, up
-// to `limit`. Non-blocking and regular files only, so nothing can stall us.
-std::optional<std::string> readSmallFile(const std::string& path, std::size_t limit) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        return std::nullopt;
-    }
-    std::optional<std::string> contents;
-    struct stat info {};
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-        contents.emplace();
-        std::array<char, 4096> chunk{};
-        while (true) {
-            auto n = ::read(fd, chunk.data(), chunk.size());
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n < 0 || contents->size() + static_cast<std::size_t>(n) > limit) {
-                contents.reset();
-                break;
-            }
-            if (n == 0) {
-                break;
-            }
-            contents->append(chunk.data(), static_cast<std::size_t>(n));
-        }
-    }
-    ::close(fd);
-    return contents;
-}
-
 template <typename Visit>
 void forEachLine(std::string_view text, Visit visit) {
     while (!text.empty()) {
@@ -100,47 +72,8 @@ std::vector<std::string_view> fields(std::string_view line) {
     return result;
 }
 
-// mountinfo writes space, tab, newline and backslash in paths as octal escapes.
-std::string unescapeMountPath(std::string_view text) {
-    std::string result;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size()) {
-            auto digits = text.substr(i + 1, 3);
-            if (std::all_of(digits.begin(), digits.end(),
-                            [](char c) { return c >= '0' && c <= '7'; })) {
-                result += static_cast<char>((digits[0] - '0') * 64 + (digits[1] - '0') * 8 +
-                                            (digits[2] - '0'));
-                i += 3;
-                continue;
-            }
-        }
-        result += text[i];
-    }
-    return result;
-}
-
-std::optional<std::string> findCgroup2Mount() {
-    auto mountinfo = readSmallFile("/proc/self/mountinfo", 64 << 20);
-    if (!mountinfo) {
-        return std::nullopt;
-    }
-    std::optional<std::string> mount;
-    forEachLine(*mountinfo, [&](std::string_view line) {
-        auto parts = fields(line);
-        auto separator = std::find(parts.begin(), parts.end(), "-");
-        // Only a mount of the whole hierarchy has the paths the kernel
-        // reports; a bind mount of a subtree (as in containers) would not.
-        if (!mount && parts.size() >= 5 && separator != parts.end() &&
-            separator + 1 != parts.end() && separator[1] == "cgroup2" && parts[3] == "/") {
-            mount = unescapeMountPath(parts[4]);
-        }
-    });
-    return mount;
-}
-
 const std::optional<std::string>& systemCgroup2Mount() {
-    static const std::optional<std::string> mount = findCgroup2Mount();
-    return mount;
+    return platform::cgroup2Mount();
 }
 
 std::string procPath(pid_t pid, std::string_view entry) {

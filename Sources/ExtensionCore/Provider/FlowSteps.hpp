@@ -10,6 +10,11 @@
 
 namespace veltrane::core {
 
+// Opens the flow towards the application (never with a local endpoint); the
+// open's error, if any.
+Awaitable<std::optional<platform::FlowError>>
+openFlow(std::shared_ptr<platform::NEAppProxyFlow> flow);
+
 struct FirstPacket {
     // The bytes of the first read, when it delivered at least one byte with
     // no error in time.

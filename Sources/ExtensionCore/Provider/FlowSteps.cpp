@@ -1,4 +1,6 @@
-#include "ExtensionCore/Provider/FirstPacket.hpp"
+#include "ExtensionCore/Provider/FlowSteps.hpp"
+
+#include "ExtensionCore/AwaitCallback.hpp"
 
 #include <asio.hpp>
 #include <asio/experimental/as_tuple.hpp>
@@ -70,6 +72,13 @@ private:
 };
 
 } // namespace
+
+Awaitable<std::optional<FlowError>> openFlow(std::shared_ptr<platform::NEAppProxyFlow> flow) {
+    auto begin = [flow](auto done) {
+        flow->open([done](const std::optional<FlowError>& error) { done(error); });
+    };
+    return awaitCallback<std::optional<FlowError>>(std::move(begin));
+}
 
 Awaitable<FirstPacket> readFirstPacket(std::shared_ptr<NEAppProxyTCPFlow> flow,
                                        std::chrono::milliseconds wait,
