@@ -80,6 +80,16 @@ inline std::size_t openDescriptors() {
     return count;
 }
 
+// Polls `done` until it holds or `limit` passed; its last answer.
+template <class Done>
+bool waitUntil(Done done, std::chrono::seconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done();
+}
+
 class ProviderHarness {
 public:
     explicit ProviderHarness(const NetNamespace* inside = nullptr,
@@ -134,15 +144,8 @@ public:
         return out;
     }
     // Polls until `count` events were recorded; false at the deadline.
-    bool waitEvents(std::size_t count, std::chrono::seconds limit = std::chrono::seconds(15)) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (events().size() < count) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return true;
+    bool waitEvents(std::size_t count) {
+        return waitUntil([&] { return events().size() >= count; });
     }
 
     PoolQueue queue;
