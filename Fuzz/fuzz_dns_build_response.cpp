@@ -1,6 +1,6 @@
 // Arbitrary queries, question ends and address texts through the answer
 // builder: it must refuse or produce exactly the query's head plus 16 bytes.
-#include "ExtensionCore/DNSResponder.hpp"
+#include "ExtensionCore/DNS/DNSResponder.hpp"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,6 +1,6 @@
 // Any datagram through the question parser and the whole responder: never a
 // crash, never a read past the input, and an answer only in the fixed layout.
-#include "ExtensionCore/DNSResponder.hpp"
+#include "ExtensionCore/DNS/DNSResponder.hpp"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 // Feeds arbitrary bytes to the CONNECT response reader in reads of a size
 // the first byte picks, then reports the proxy's close.
-#include "ExtensionCore/HTTPConnectHandshake.hpp"
+#include "ExtensionCore/Clients/HTTPConnectHandshake.hpp"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "ExtensionCore/SNISniffer.hpp"
+#include "ExtensionCore/Flow/SNISniffer.hpp"
 
 #include <cstdlib>
 #include <string_view>

@@ -1,6 +1,6 @@
 // Plays arbitrary bytes as a SOCKS5 proxy's side of a handshake. The first
 // byte picks credentials and command; the rest is everything the proxy sends.
-#include "ExtensionCore/SOCKS5Handshake.hpp"
+#include "ExtensionCore/Clients/SOCKS5Handshake.hpp"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // Takes arbitrary bytes as a frame from a SOCKS5 UDP relay.
-#include "ExtensionCore/UDPRelay.hpp"
+#include "ExtensionCore/Clients/UDPRelay.hpp"
 
 #include <cstdlib>
 

@@ -1,7 +1,7 @@
 // The "stats" and "events" verbs as users run them, against a control
 // service served in this process.
-#include "ExtensionCore/ExtensionXPCServer.hpp"
-#include "ExtensionCore/StatsCollector.hpp"
+#include "ExtensionCore/Control/ExtensionXPCServer.hpp"
+#include "ExtensionCore/Control/StatsCollector.hpp"
 #include "VeltraneKit/DTOCoding.hpp"
 #include "VeltraneKit/ExtensionControlClient.hpp"
 

@@ -1,4 +1,4 @@
-#include "ExtensionCore/DNSResponder.hpp"
+#include "ExtensionCore/DNS/DNSResponder.hpp"
 
 #include <arpa/inet.h>
 #include <atomic>

@@ -1,9 +1,9 @@
-#include "ExtensionCore/ErrorConversion.hpp"
-#include "ExtensionCore/ErrorHumanizer.hpp"
-#include "ExtensionCore/HTTPProxyError.hpp"
-#include "ExtensionCore/InterfaceError.hpp"
-#include "ExtensionCore/NetworkError.hpp"
-#include "ExtensionCore/SOCKSError.hpp"
+#include "ExtensionCore/Clients/HTTPProxyError.hpp"
+#include "ExtensionCore/Clients/InterfaceError.hpp"
+#include "ExtensionCore/Clients/NetworkError.hpp"
+#include "ExtensionCore/Clients/SOCKSError.hpp"
+#include "ExtensionCore/Errors/ErrorConversion.hpp"
+#include "ExtensionCore/Errors/ErrorHumanizer.hpp"
 
 #include <cerrno>
 #include <gtest/gtest.h>

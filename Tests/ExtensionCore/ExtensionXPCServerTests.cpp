@@ -1,5 +1,5 @@
-#include "ExtensionCore/ExtensionXPCServer.hpp"
-#include "ExtensionCore/StatsCollector.hpp"
+#include "ExtensionCore/Control/ExtensionXPCServer.hpp"
+#include "ExtensionCore/Control/StatsCollector.hpp"
 #include "VeltraneKit/DTOCoding.hpp"
 #include "VeltraneKit/ExtensionControlClient.hpp"
 

@@ -1,4 +1,4 @@
-#include "ExtensionCore/FlowPump.hpp"
+#include "ExtensionCore/Flow/FlowPump.hpp"
 #include "ExtensionCore/TestBytes.hpp"
 #include "Platform/memory/MemoryConnection.hpp"
 #include "Platform/memory/MemoryTCPFlow.hpp"

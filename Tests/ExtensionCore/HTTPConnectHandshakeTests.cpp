@@ -1,4 +1,4 @@
-#include "ExtensionCore/HTTPConnectHandshake.hpp"
+#include "ExtensionCore/Clients/HTTPConnectHandshake.hpp"
 #include "ExtensionCore/TestBytes.hpp"
 
 #include <gtest/gtest.h>

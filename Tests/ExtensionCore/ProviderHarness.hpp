@@ -2,9 +2,9 @@
 
 // A provider under the in-memory flow host, with its own collector, registry
 // and queue, and helpers to write profiles and read what it recorded.
-#include "ExtensionCore/InterfaceRegistry.hpp"
+#include "ExtensionCore/Clients/InterfaceRegistry.hpp"
+#include "ExtensionCore/Control/StatsCollector.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
-#include "ExtensionCore/StatsCollector.hpp"
 #include "ExtensionCore/TestBytes.hpp"
 #include "Platform/memory/MemoryFlowHost.hpp"
 #include "Platform/memory/MemoryTCPFlow.hpp"

@@ -1,10 +1,10 @@
 // The provider under the in-memory flow host, against real proxies on
 // loopback: decisions, the events of each road, and what is left afterwards.
-#include "ExtensionCore/ErrorConversion.hpp"
-#include "ExtensionCore/ErrorHumanizer.hpp"
-#include "ExtensionCore/InterfaceError.hpp"
+#include "ExtensionCore/Clients/InterfaceError.hpp"
+#include "ExtensionCore/Clients/SOCKSError.hpp"
+#include "ExtensionCore/Errors/ErrorConversion.hpp"
+#include "ExtensionCore/Errors/ErrorHumanizer.hpp"
 #include "ExtensionCore/ProviderHarness.hpp"
-#include "ExtensionCore/SOCKSError.hpp"
 #include "Support/EchoServers.hpp"
 #include "Support/NetNamespace.hpp"
 #include "Support/Peers.hpp"

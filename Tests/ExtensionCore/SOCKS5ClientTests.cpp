@@ -1,5 +1,5 @@
-#include "ExtensionCore/ConnectionSteps.hpp"
-#include "ExtensionCore/SOCKS5Client.hpp"
+#include "ExtensionCore/Clients/ConnectionSteps.hpp"
+#include "ExtensionCore/Clients/SOCKS5Client.hpp"
 #include "ExtensionCore/TestBytes.hpp"
 #include "ExtensionCore/TestQueue.hpp"
 #include "Platform/memory/MemoryConnection.hpp"

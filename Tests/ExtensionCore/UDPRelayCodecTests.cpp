@@ -1,5 +1,5 @@
+#include "ExtensionCore/Clients/UDPRelay.hpp"
 #include "ExtensionCore/TestBytes.hpp"
-#include "ExtensionCore/UDPRelay.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "ExtensionCore/SOCKSError.hpp"
+#include "ExtensionCore/Clients/SOCKSError.hpp"
+#include "ExtensionCore/Clients/UDPRelay.hpp"
 #include "ExtensionCore/TestBytes.hpp"
 #include "ExtensionCore/TestQueue.hpp"
-#include "ExtensionCore/UDPRelay.hpp"
 #include "Platform/memory/MemoryConnection.hpp"
 #include "Platform/memory/MemoryUDPFlow.hpp"
 

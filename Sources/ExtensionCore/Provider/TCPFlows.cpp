@@ -4,16 +4,16 @@
 // an address; the bytes read go upstream first.
 
 #include "ExtensionCore/AwaitCallback.hpp"
-#include "ExtensionCore/ErrorConversion.hpp"
-#include "ExtensionCore/FlowPump.hpp"
-#include "ExtensionCore/HTTPConnectClient.hpp"
-#include "ExtensionCore/InterfaceBoundClient.hpp"
-#include "ExtensionCore/InterfaceRegistry.hpp"
+#include "ExtensionCore/Clients/HTTPConnectClient.hpp"
+#include "ExtensionCore/Clients/InterfaceBoundClient.hpp"
+#include "ExtensionCore/Clients/InterfaceRegistry.hpp"
+#include "ExtensionCore/Clients/SOCKS5Client.hpp"
+#include "ExtensionCore/Clients/UDPRelay.hpp"
+#include "ExtensionCore/Errors/ErrorConversion.hpp"
+#include "ExtensionCore/Flow/FlowPump.hpp"
+#include "ExtensionCore/Flow/SNISniffer.hpp"
 #include "ExtensionCore/Provider/FlowSteps.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
-#include "ExtensionCore/SNISniffer.hpp"
-#include "ExtensionCore/SOCKS5Client.hpp"
-#include "ExtensionCore/UDPRelay.hpp"
 #include "Platform/Logger.hpp"
 
 #include <algorithm>

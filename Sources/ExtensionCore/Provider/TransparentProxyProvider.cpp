@@ -1,10 +1,10 @@
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
 
+#include "ExtensionCore/Clients/InterfaceRegistry.hpp"
+#include "ExtensionCore/Control/StatsCollector.hpp"
 #include "ExtensionCore/DecimalText.hpp"
-#include "ExtensionCore/ErrorHumanizer.hpp"
-#include "ExtensionCore/InterfaceRegistry.hpp"
+#include "ExtensionCore/Errors/ErrorHumanizer.hpp"
 #include "ExtensionCore/Provider/AppIdentityLookup.hpp"
-#include "ExtensionCore/StatsCollector.hpp"
 #include "Platform/Logger.hpp"
 #include "Platform/linux/LinuxConnection.hpp"
 #include "VeltraneKit/ProfileCoding.hpp"

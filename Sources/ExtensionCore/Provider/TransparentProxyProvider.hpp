@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ExtensionCore/DNSResponder.hpp"
-#include "ExtensionCore/ExtensionXPCServer.hpp"
+#include "ExtensionCore/Control/ExtensionXPCServer.hpp"
+#include "ExtensionCore/DNS/DNSResponder.hpp"
 #include "ExtensionCore/Provider/LoopGuard.hpp"
 #include "Platform/FlowError.hpp"
 #include "Platform/NEAppProxyTCPFlow.hpp"

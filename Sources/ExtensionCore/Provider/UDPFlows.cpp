@@ -2,10 +2,10 @@
 // addresses or forwarded to the resolver they were meant for.
 
 #include "ExtensionCore/AwaitCallback.hpp"
+#include "ExtensionCore/Clients/UDPRelay.hpp"
 #include "ExtensionCore/DecimalText.hpp"
 #include "ExtensionCore/Provider/FlowSteps.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
-#include "ExtensionCore/UDPRelay.hpp"
 
 #include <asio.hpp>
 #include <atomic>

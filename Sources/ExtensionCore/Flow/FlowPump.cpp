@@ -1,4 +1,4 @@
-#include "ExtensionCore/FlowPump.hpp"
+#include "ExtensionCore/Flow/FlowPump.hpp"
 
 #include <utility>
 

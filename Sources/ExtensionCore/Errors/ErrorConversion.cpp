@@ -1,6 +1,6 @@
-#include "ExtensionCore/ErrorConversion.hpp"
+#include "ExtensionCore/Errors/ErrorConversion.hpp"
 
-#include "ExtensionCore/NetworkError.hpp"
+#include "ExtensionCore/Clients/NetworkError.hpp"
 #include "VeltraneKit/Error.hpp"
 
 #include <system_error>

@@ -1,6 +1,6 @@
-#include "ExtensionCore/ExtensionXPCServer.hpp"
+#include "ExtensionCore/Control/ExtensionXPCServer.hpp"
 
-#include "ExtensionCore/StatsCollector.hpp"
+#include "ExtensionCore/Control/StatsCollector.hpp"
 #include "Platform/RuntimePaths.hpp"
 #include "Platform/linux/UnixLineServer.hpp"
 #include "VeltraneKit/DTOCoding.hpp"

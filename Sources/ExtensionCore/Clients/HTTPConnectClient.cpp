@@ -1,8 +1,8 @@
-#include "ExtensionCore/HTTPConnectClient.hpp"
+#include "ExtensionCore/Clients/HTTPConnectClient.hpp"
 
-#include "ExtensionCore/ConnectionSteps.hpp"
-#include "ExtensionCore/HTTPConnectHandshake.hpp"
-#include "ExtensionCore/PrefixedConnection.hpp"
+#include "ExtensionCore/Clients/ConnectionSteps.hpp"
+#include "ExtensionCore/Clients/HTTPConnectHandshake.hpp"
+#include "ExtensionCore/Clients/PrefixedConnection.hpp"
 
 #include <asio.hpp>
 #include <stdexcept>

@@ -1,8 +1,8 @@
-#include "ExtensionCore/UDPRelay.hpp"
+#include "ExtensionCore/Clients/UDPRelay.hpp"
 
+#include "ExtensionCore/Clients/SOCKS5Client.hpp"
 #include "ExtensionCore/DecimalText.hpp"
-#include "ExtensionCore/ErrorConversion.hpp"
-#include "ExtensionCore/SOCKS5Client.hpp"
+#include "ExtensionCore/Errors/ErrorConversion.hpp"
 #include "VeltraneKit/UnicodeText.hpp"
 
 #include <asio.hpp>

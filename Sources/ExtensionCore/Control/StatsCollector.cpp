@@ -1,4 +1,4 @@
-#include "ExtensionCore/StatsCollector.hpp"
+#include "ExtensionCore/Control/StatsCollector.hpp"
 
 #include <algorithm>
 

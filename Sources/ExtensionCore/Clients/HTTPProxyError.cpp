@@ -1,4 +1,4 @@
-#include "ExtensionCore/HTTPProxyError.hpp"
+#include "ExtensionCore/Clients/HTTPProxyError.hpp"
 
 #include "VeltraneKit/Localize.hpp"
 

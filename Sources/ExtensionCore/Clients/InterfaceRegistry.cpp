@@ -1,4 +1,4 @@
-#include "ExtensionCore/InterfaceRegistry.hpp"
+#include "ExtensionCore/Clients/InterfaceRegistry.hpp"
 
 namespace veltrane::core {
 

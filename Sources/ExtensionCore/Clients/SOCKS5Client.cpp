@@ -1,6 +1,6 @@
-#include "ExtensionCore/SOCKS5Client.hpp"
+#include "ExtensionCore/Clients/SOCKS5Client.hpp"
 
-#include "ExtensionCore/ConnectionSteps.hpp"
+#include "ExtensionCore/Clients/ConnectionSteps.hpp"
 
 #include <asio.hpp>
 #include <stdexcept>

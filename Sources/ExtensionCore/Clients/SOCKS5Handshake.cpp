@@ -1,4 +1,4 @@
-#include "ExtensionCore/SOCKS5Handshake.hpp"
+#include "ExtensionCore/Clients/SOCKS5Handshake.hpp"
 
 #include "ExtensionCore/DecimalText.hpp"
 #include "VeltraneKit/UnicodeText.hpp"

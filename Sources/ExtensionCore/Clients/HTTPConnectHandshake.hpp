@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ExtensionCore/HTTPProxyError.hpp"
+#include "ExtensionCore/Clients/HTTPProxyError.hpp"
 #include "VeltraneKit/Profile.hpp"
 
 #include <cstddef>

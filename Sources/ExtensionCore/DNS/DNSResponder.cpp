@@ -1,4 +1,4 @@
-#include "ExtensionCore/DNSResponder.hpp"
+#include "ExtensionCore/DNS/DNSResponder.hpp"
 
 #include "VeltraneKit/Matchers.hpp"
 #include "VeltraneKit/UnicodeText.hpp"

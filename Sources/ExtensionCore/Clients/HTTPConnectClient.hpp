@@ -1,7 +1,7 @@
 #pragma once
 
 #include "ExtensionCore/Awaitable.hpp"
-#include "ExtensionCore/HTTPProxyError.hpp"
+#include "ExtensionCore/Clients/HTTPProxyError.hpp"
 #include "Platform/NWConnection.hpp"
 #include "VeltraneKit/Profile.hpp"
 

@@ -1,6 +1,6 @@
-#include "ExtensionCore/InterfaceBoundClient.hpp"
+#include "ExtensionCore/Clients/InterfaceBoundClient.hpp"
 
-#include "ExtensionCore/ConnectionSteps.hpp"
+#include "ExtensionCore/Clients/ConnectionSteps.hpp"
 
 #include <asio.hpp>
 #include <stdexcept>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "ExtensionCore/Awaitable.hpp"
-#include "ExtensionCore/InterfaceError.hpp"
+#include "ExtensionCore/Clients/InterfaceError.hpp"
 #include "Platform/NWConnection.hpp"
 #include "Platform/NWPathMonitor.hpp"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ExtensionCore/ExtensionXPCProtocol.hpp"
+#include "ExtensionCore/Control/ExtensionXPCProtocol.hpp"
 
 #include <memory>
 #include <mutex>

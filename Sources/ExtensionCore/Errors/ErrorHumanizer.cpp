@@ -1,8 +1,8 @@
-#include "ExtensionCore/ErrorHumanizer.hpp"
+#include "ExtensionCore/Errors/ErrorHumanizer.hpp"
 
-#include "ExtensionCore/ErrorConversion.hpp"
-#include "ExtensionCore/HTTPProxyError.hpp"
-#include "ExtensionCore/SOCKSError.hpp"
+#include "ExtensionCore/Clients/HTTPProxyError.hpp"
+#include "ExtensionCore/Clients/SOCKSError.hpp"
+#include "ExtensionCore/Errors/ErrorConversion.hpp"
 #include "VeltraneKit/Localize.hpp"
 
 #include <cerrno>

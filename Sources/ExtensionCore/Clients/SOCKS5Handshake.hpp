@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ExtensionCore/SOCKSError.hpp"
+#include "ExtensionCore/Clients/SOCKSError.hpp"
 #include "VeltraneKit/Profile.hpp"
 
 #include <cstddef>

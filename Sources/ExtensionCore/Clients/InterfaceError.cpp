@@ -1,4 +1,4 @@
-#include "ExtensionCore/InterfaceError.hpp"
+#include "ExtensionCore/Clients/InterfaceError.hpp"
 
 #include "VeltraneKit/Localize.hpp"
 

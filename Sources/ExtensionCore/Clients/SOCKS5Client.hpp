@@ -1,8 +1,8 @@
 #pragma once
 
 #include "ExtensionCore/Awaitable.hpp"
-#include "ExtensionCore/SOCKS5Handshake.hpp"
-#include "ExtensionCore/SOCKSError.hpp"
+#include "ExtensionCore/Clients/SOCKS5Handshake.hpp"
+#include "ExtensionCore/Clients/SOCKSError.hpp"
 #include "Platform/NWConnection.hpp"
 #include "VeltraneKit/Profile.hpp"
 

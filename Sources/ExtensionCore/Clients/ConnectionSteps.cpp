@@ -1,4 +1,4 @@
-#include "ExtensionCore/ConnectionSteps.hpp"
+#include "ExtensionCore/Clients/ConnectionSteps.hpp"
 
 #include "ExtensionCore/AwaitCallback.hpp"
 

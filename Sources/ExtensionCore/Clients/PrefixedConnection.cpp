@@ -1,4 +1,4 @@
-#include "ExtensionCore/PrefixedConnection.hpp"
+#include "ExtensionCore/Clients/PrefixedConnection.hpp"
 
 #include <algorithm>
 #include <asio.hpp>

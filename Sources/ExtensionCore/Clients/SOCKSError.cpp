@@ -1,4 +1,4 @@
-#include "ExtensionCore/SOCKSError.hpp"
+#include "ExtensionCore/Clients/SOCKSError.hpp"
 
 #include "VeltraneKit/Localize.hpp"
 
