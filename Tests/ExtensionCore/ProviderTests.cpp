@@ -355,9 +355,18 @@ TEST(ProviderTest, TCPFlowsThroughRealProxies) {
     const auto before = h.events().size();
     ASSERT_TRUE(h.host->deliver(gone));
     ASSERT_TRUE(h.waitEvents(before + 2));
-    auto stats = h.collector.snapshot();
     EXPECT_EQ(h.phases().back(), Phase::close);
-    EXPECT_EQ(stats.failedConnections, 1u);
+    // A pump that ends with an error: failed, with what it carried so far.
+    auto broken = h.tcp("127.0.0.1", echo.port());
+    broken->failWrite(1, FlowError::posix(EIO));
+    ASSERT_TRUE(h.host->deliver(broken));
+    broken->appSend(bytes("ping"));
+    ASSERT_TRUE(h.waitEvents(before + 4));
+    const auto failed = h.events().back();
+    EXPECT_EQ(std::tuple(failed.phase, failed.bytesReceived), std::tuple(Phase::failed, 0u));
+    EXPECT_EQ(failed.errorDescription, ErrorHumanizer::humanize(FlowError::posix(EIO)));
+    auto stats = h.collector.snapshot();
+    EXPECT_EQ(stats.failedConnections, 2u);
     EXPECT_EQ(stats.activeConnections, 0u);
 }
 
