@@ -12,6 +12,7 @@
 #include "ExtensionCore/Errors/ErrorConversion.hpp"
 #include "ExtensionCore/Flow/FlowPump.hpp"
 #include "ExtensionCore/Flow/SNISniffer.hpp"
+#include "ExtensionCore/Provider/FlowRecorder.hpp"
 #include "ExtensionCore/Provider/FlowSteps.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
 #include "Platform/Logger.hpp"
@@ -26,31 +27,11 @@ using kit::FlowTransport;
 using platform::FlowError;
 using platform::NEAppProxyTCPFlow;
 using Phase = kit::ConnectionEvent::Phase;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// What one carried TCP flow keeps by value for its whole life.
-struct TCPFlowContext {
-    std::weak_ptr<TransparentProxyProvider> provider;
+struct TCPFlowContext : FlowRecorder {
     std::shared_ptr<NEAppProxyTCPFlow> flow;
-    std::string host;
-    std::uint16_t port = 0;
-    kit::AppIdentity app;
-    kit::Verdict verdict;
-    Clock::time_point started;
-
-    double secondsSinceStart() const {
-        return std::chrono::duration<double>(Clock::now() - started).count();
-    }
-
-    void record(Phase phase, std::uint64_t sent, std::uint64_t received, double lifetime,
-                const std::optional<FlowError>& error) const {
-        if (auto owner = provider.lock()) {
-            owner->record(phase, app, host, port, FlowTransport::tcp, verdict, sent, received,
-                          lifetime, error);
-        }
-    }
 };
 
 void closeBoth(platform::NEAppProxyFlow& flow, const std::optional<FlowError>& error) {
@@ -77,14 +58,7 @@ void startPump(const TCPFlowContext& context, std::shared_ptr<NEAppProxyTCPFlow>
                std::shared_ptr<platform::NWConnection> upstream,
                std::optional<platform::Bytes> firstPacket) {
     auto onClose = [context](FlowPump::Counters counters, const std::optional<FlowError>& error) {
-        std::optional<FlowError> left = error;
-        Phase phase = Phase::close;
-        if (left && platform::isOrderlyEnd(*left)) {
-            left.reset();
-        } else if (left) {
-            phase = Phase::failed;
-        }
-        context.record(phase, counters.sent, counters.received, context.secondsSinceStart(), left);
+        context.recordEnd(counters.sent, counters.received, error);
     };
     auto pump = std::make_shared<FlowPump>(std::move(flow), std::move(upstream),
                                            std::move(firstPacket), std::move(onClose));
@@ -163,8 +137,7 @@ struct CarryPlan {
 Awaitable<void> carryTCPFlow(TCPFlowContext context, CarryPlan plan,
                              std::shared_ptr<platform::NWConnectionService> service,
                              platform::DispatchQueue& queue, InterfaceRegistry& interfaces,
-                             std::chrono::milliseconds firstPacketWait,
-                             std::function<void()> releaseActive) {
+                             std::chrono::milliseconds firstPacketWait) {
     const auto& flow = context.flow;
     const char* failureLine = plan.proxy ? "proxy connect" : "interface-pinned connect";
 
@@ -185,9 +158,7 @@ Awaitable<void> carryTCPFlow(TCPFlowContext context, CarryPlan plan,
         if (!sniffed && context.host.find(':') != std::string::npos) {
             // An IPv6 literal with no name to ask for: refused rather than
             // sent to a proxy that may have no IPv6 route.
-            context.record(Phase::blocked, 0, 0, 0, std::nullopt);
-            // The `open` event counted the flow as active; the refusal ends it.
-            releaseActive();
+            context.recordRefusedAfterOpen();
             closeBoth(*first.flow, FlowError::posix(ECONNREFUSED));
             co_return;
         }
@@ -248,20 +219,15 @@ void TransparentProxyProvider::carryTCP(std::shared_ptr<NEAppProxyTCPFlow> flow,
                                         std::string interfaceName, std::string host,
                                         std::uint16_t port, kit::AppIdentity app,
                                         kit::Verdict verdict) {
-    TCPFlowContext context{weak_from_this(), std::move(flow),    std::move(host), port,
-                           std::move(app),   std::move(verdict), Clock::now()};
-    record(Phase::open, context.app, context.host, port, FlowTransport::tcp, context.verdict, 0, 0,
-           0, std::nullopt);
+    TCPFlowContext context{{weak_from_this(), std::move(host), port, FlowTransport::tcp,
+                            std::move(app), std::move(verdict)},
+                           std::move(flow)};
+    context.record(Phase::open, 0, 0, 0, std::nullopt);
     // Every argument is a named value: g++ 12 has miscompiled temporaries
     // handed to a coroutine in the same expression.
     CarryPlan plan{std::move(proxy), std::move(interfaceName)};
-    std::function<void()> releaseActive = [weak = weak_from_this()] {
-        if (auto owner = weak.lock()) {
-            owner->leaveActive();
-        }
-    };
     auto task = carryTCPFlow(std::move(context), std::move(plan), connections_, queue(),
-                             interfaces_, firstPacketWait_, std::move(releaseActive));
+                             interfaces_, firstPacketWait_);
     asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);
 }
 

@@ -123,6 +123,10 @@ public:
                 std::uint64_t sent, std::uint64_t received, double lifetime,
                 const std::optional<platform::FlowError>& error);
 
+    // Balances the active count for a flow that ended after its `open`
+    // with an event that does not count as an ending.
+    void leaveActive();
+
     kit::FakeIPAllocator& fakeIP() { return *fakeIP_; }
     platform::DispatchQueue& queue() { return *queue_; }
     ExtensionXPCServer& xpcServer() { return xpcServer_; }
@@ -140,9 +144,6 @@ private:
     void pumpDNS(std::shared_ptr<DNSFlow> dns);
     void forwardDNS(std::shared_ptr<DNSFlow> dns, platform::Bytes query,
                     std::shared_ptr<const platform::NWHostEndpoint> endpoint);
-    // Balances the active count for a flow that ended after its `open`
-    // with an event that does not count as an ending.
-    void leaveActive();
 
     std::unique_ptr<QueuePool> ownQueue_;
     platform::DispatchQueue* queue_ = nullptr;

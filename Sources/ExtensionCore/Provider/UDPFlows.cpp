@@ -4,6 +4,7 @@
 #include "ExtensionCore/AwaitCallback.hpp"
 #include "ExtensionCore/Clients/UDPRelay.hpp"
 #include "ExtensionCore/DecimalText.hpp"
+#include "ExtensionCore/Provider/FlowRecorder.hpp"
 #include "ExtensionCore/Provider/FlowSteps.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
 
@@ -17,29 +18,12 @@ using platform::Bytes;
 using platform::FlowError;
 using platform::NEAppProxyUDPFlow;
 using Phase = kit::ConnectionEvent::Phase;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
-struct UDPFlowContext {
-    std::weak_ptr<TransparentProxyProvider> provider;
+struct UDPFlowContext : FlowRecorder {
     std::shared_ptr<NEAppProxyUDPFlow> flow;
     kit::ProxyServer proxy;
-    std::string label; // stands in the events' host field
-    kit::AppIdentity app;
-    kit::Verdict verdict;
-    Clock::time_point started;
-
-    double secondsSinceStart() const {
-        return std::chrono::duration<double>(Clock::now() - started).count();
-    }
-    void record(Phase phase, std::uint64_t sent, std::uint64_t received, double lifetime,
-                const std::optional<FlowError>& error) const {
-        if (auto owner = provider.lock()) {
-            owner->record(phase, app, label, 0, FlowTransport::udp, verdict, sent, received,
-                          lifetime, error);
-        }
-    }
 };
 
 Awaitable<void> relayUDPFlow(UDPFlowContext context,
@@ -61,14 +45,7 @@ Awaitable<void> relayUDPFlow(UDPFlowContext context,
     }
     auto onClose = [context](std::uint64_t sent, std::uint64_t received,
                              const std::optional<FlowError>& error) {
-        std::optional<FlowError> left = error;
-        Phase phase = Phase::close;
-        if (left && platform::isOrderlyEnd(*left)) {
-            left.reset();
-        } else if (left) {
-            phase = Phase::failed;
-        }
-        context.record(phase, sent, received, context.secondsSinceStart(), left);
+        context.recordEnd(sent, received, error);
     };
     // Always SOCKS5, whatever the proxy's protocol: an HTTP proxy fails the
     // handshake and the flow ends as failed.
@@ -82,15 +59,17 @@ Awaitable<void> relayUDPFlow(UDPFlowContext context,
 void TransparentProxyProvider::handleUDPFlow(std::shared_ptr<NEAppProxyUDPFlow> flow,
                                              kit::ProxyServer proxy, kit::AppIdentity app,
                                              kit::Verdict verdict) {
-    const auto started = Clock::now();
+    // A UDP flow has no single destination: its events name the
+    // application's own address, with port 0.
     std::string label = "udp";
     if (const auto* local = platform::hostEndpoint(flow->localEndpoint())) {
         label = local->hostname();
     }
-    UDPFlowContext context{weak_from_this(), std::move(flow),    std::move(proxy), std::move(label),
-                           std::move(app),   std::move(verdict), started};
-    record(Phase::open, context.app, context.label, 0, FlowTransport::udp, context.verdict, 0, 0, 0,
-           std::nullopt);
+    UDPFlowContext context{{weak_from_this(), std::move(label), 0, FlowTransport::udp,
+                            std::move(app), std::move(verdict)},
+                           std::move(flow),
+                           std::move(proxy)};
+    context.record(Phase::open, 0, 0, 0, std::nullopt);
     auto task = relayUDPFlow(std::move(context), connections_, queue());
     asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);
 }

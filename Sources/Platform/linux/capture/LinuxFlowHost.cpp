@@ -128,6 +128,11 @@ struct LinuxFlowHost::Impl {
     void acceptOn(asio::ip::tcp::acceptor& acceptor);
     void pair(asio::ip::tcp::socket socket);
     void waitForPackets();
+    enum class Answer { direct, refuse, carry };
+    // handleNewFlow, and what its answer means for the connection.
+    template <class Flow>
+    Answer ask(const std::shared_ptr<Flow>& flow);
+    std::optional<std::uint32_t> markFor(const QueuedPacket& packet, Answer answer) const;
     void decide(const QueuedPacket& packet);
     void decideDatagram(const QueuedPacket& packet);
     bool openTransparent(std::uint16_t& port, std::string& whyNot);
@@ -243,8 +248,27 @@ NEFlowMetaData LinuxFlowHost::Impl::metaDataFor(const QueuedPacket& packet) {
     return metaData;
 }
 
+template <class Flow>
+LinuxFlowHost::Impl::Answer LinuxFlowHost::Impl::ask(const std::shared_ptr<Flow>& flow) {
+    if (!provider->handleNewFlow(flow)) {
+        return Answer::direct;
+    }
+    // Closed inside handleNewFlow: a refusal, before anything was opened.
+    return flow->closedBeforeOpen() ? Answer::refuse : Answer::carry;
+}
+
+std::optional<std::uint32_t> LinuxFlowHost::Impl::markFor(const QueuedPacket& packet,
+                                                          Answer answer) const {
+    if (answer == Answer::direct) {
+        return std::nullopt; // declined: the connection simply proceeds
+    }
+    // A verdict's mark replaces the packet's whole mark: the bits outside
+    // our mask (a VPN's, a container runtime's) are carried over.
+    const std::uint32_t kept = packet.mark & ~options.markMask;
+    return kept | (answer == Answer::refuse ? options.refuseMark : options.carryMark);
+}
+
 void LinuxFlowHost::Impl::decide(const QueuedPacket& packet) {
-    const auto& marks = options;
     if (packet.protocol == IPPROTO_UDP) {
         decideDatagram(packet);
         return;
@@ -265,34 +289,22 @@ void LinuxFlowHost::Impl::decide(const QueuedPacket& packet) {
         std::lock_guard guard(pendingLock);
         pending[key] = Pending{flow, Clock::now()};
     }
-    const bool taken = provider->handleNewFlow(flow);
-    std::optional<std::uint32_t> mark;
-    if (!taken || flow->closedBeforeOpen()) {
+    const auto answer = ask(flow);
+    if (answer != Answer::carry) {
         std::lock_guard guard(pendingLock);
         pending.erase(key);
     }
-    // A verdict's mark replaces the packet's whole mark: the bits outside
-    // our mask (a VPN's, a container runtime's) are carried over.
-    const std::uint32_t kept = packet.mark & ~marks.markMask;
-    if (!taken) {
-        mark = std::nullopt; // declined: the connection simply proceeds
-    } else if (flow->closedBeforeOpen()) {
-        mark = kept | marks.refuseMark;
-    } else {
-        mark = kept | marks.carryMark;
-    }
-    queue->accept(packet.id, mark);
+    queue->accept(packet.id, markFor(packet, answer));
 }
 
 void LinuxFlowHost::Impl::decideDatagram(const QueuedPacket& packet) {
-    const std::uint32_t kept = packet.mark & ~options.markMask;
     const auto key = packet.source + "|" + std::to_string(packet.sourcePort);
     {
         // The socket's flow exists already: a new peer of the same socket is
         // carried by it.
         std::lock_guard guard(udpLock);
         if (udpFlows.count(key) != 0) {
-            queue->accept(packet.id, kept | options.carryMark);
+            queue->accept(packet.id, markFor(packet, Answer::carry));
             return;
         }
     }
@@ -305,18 +317,12 @@ void LinuxFlowHost::Impl::decideDatagram(const QueuedPacket& packet) {
         std::lock_guard guard(udpLock);
         udpFlows[key] = flow;
     }
-    const bool taken = provider->handleNewFlow(flow);
-    if (!taken || flow->closedBeforeOpen()) {
+    const auto answer = ask(flow);
+    if (answer != Answer::carry) {
         std::lock_guard guard(udpLock);
         udpFlows.erase(key);
     }
-    if (!taken) {
-        queue->accept(packet.id, std::nullopt);
-    } else if (flow->closedBeforeOpen()) {
-        queue->accept(packet.id, kept | options.refuseMark);
-    } else {
-        queue->accept(packet.id, kept | options.carryMark);
-    }
+    queue->accept(packet.id, markFor(packet, answer));
 }
 
 bool LinuxFlowHost::Impl::openTransparent(std::uint16_t& port, std::string& whyNot) {

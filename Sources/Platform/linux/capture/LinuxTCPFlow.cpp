@@ -34,7 +34,7 @@ std::optional<std::size_t> tlsRecordLength(const Bytes& bytes) {
 
 } // namespace
 
-struct LinuxTCPFlow::State {
+struct LinuxTCPFlow::State : std::enable_shared_from_this<LinuxTCPFlow::State> {
     explicit State(DispatchQueue& queue) : strand(asio::make_strand(queue)), socket(strand) {}
 
     asio::strand<asio::io_context::executor_type> strand;
@@ -61,6 +61,23 @@ struct LinuxTCPFlow::State {
         ::setsockopt(socket.native_handle(), SOL_SOCKET, SO_LINGER, &off, sizeof off);
         std::error_code ignored;
         socket.close(ignored);
+    }
+    // One side ends: an error resets the connection, no error shuts that
+    // side down; once both are closed the socket goes.
+    void close(asio::socket_base::shutdown_type side, bool reset) {
+        {
+            std::lock_guard guard(lock);
+            (side == asio::socket_base::shutdown_receive ? readClosed : writeClosed) = true;
+        }
+        asio::post(strand, [this, self = shared_from_this(), side, reset] {
+            if (reset) {
+                resetSocket();
+            } else if (socket.is_open()) {
+                std::error_code ignored;
+                socket.shutdown(side, ignored);
+            }
+            closeIfDone();
+        });
     }
     void closeIfDone() {
         bool done = false;
@@ -191,35 +208,11 @@ void LinuxTCPFlow::open(OpenCompletion completion) {
 }
 
 void LinuxTCPFlow::closeRead(const std::optional<FlowError>& error) {
-    {
-        std::lock_guard guard(state_->lock);
-        state_->readClosed = true;
-    }
-    asio::post(state_->strand, [state = state_, reset = error.has_value()] {
-        if (reset) {
-            state->resetSocket();
-        } else if (state->socket.is_open()) {
-            std::error_code ignored;
-            state->socket.shutdown(asio::socket_base::shutdown_receive, ignored);
-        }
-        state->closeIfDone();
-    });
+    state_->close(asio::socket_base::shutdown_receive, error.has_value());
 }
 
 void LinuxTCPFlow::closeWrite(const std::optional<FlowError>& error) {
-    {
-        std::lock_guard guard(state_->lock);
-        state_->writeClosed = true;
-    }
-    asio::post(state_->strand, [state = state_, reset = error.has_value()] {
-        if (reset) {
-            state->resetSocket();
-        } else if (state->socket.is_open()) {
-            std::error_code ignored;
-            state->socket.shutdown(asio::socket_base::shutdown_send, ignored);
-        }
-        state->closeIfDone();
-    });
+    state_->close(asio::socket_base::shutdown_send, error.has_value());
 }
 
 void LinuxTCPFlow::readData(ReadCompletion completion) {
