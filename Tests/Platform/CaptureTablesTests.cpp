@@ -414,30 +414,6 @@ TEST_F(CaptureTablesTest, WhatIsNotANewConnectionOutwardsIsNeverQueued) {
     }
 }
 
-TEST_F(CaptureTablesTest, TheTablesLiveAsLongAsTheirOwner) {
-    auto tables = install();
-    ASSERT_TRUE(tables);
-    std::string whyNot;
-    EXPECT_EQ(CaptureTables::install(config, whyNot), nullptr);
-    EXPECT_THAT(whyNot, ::testing::HasSubstr("another instance owns the tables"));
-
-    tables.reset();
-    EXPECT_EQ(host->run("nft list tables").output, "");
-    expectDirect("192.0.2.2", server[0]);
-
-    // An owner that dies without a word takes them along: the kernel drops
-    // the table with its socket.
-    GTEST_FLAG_SET(death_test_style, "fast");
-    EXPECT_EXIT(
-        {
-            auto orphan = CaptureTables::install(config, whyNot);
-            std::_Exit(orphan ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
-    EXPECT_EQ(host->run("nft list tables").output, "");
-    expectDirect("192.0.2.2", server[0]);
-}
-
 TEST_F(CaptureTablesTest, WithNobodyOnTheQueueConnectionsGoDirect) {
     auto tables = install();
     ASSERT_TRUE(tables);

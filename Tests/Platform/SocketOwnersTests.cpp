@@ -75,21 +75,6 @@ TEST(AppIdentifier, FlatpakInfo) {
     }
 }
 
-TEST(AppIdentifier, NamesThisProcess) {
-    std::ifstream cgroups("/proc/self/cgroup");
-    std::optional<std::string> expected;
-    for (std::string line; std::getline(cgroups, line);) {
-        if (line.starts_with("0::")) {
-            expected = appIdFromCgroupPath(line.substr(3));
-        }
-    }
-    if (!expected) {
-        expected = std::filesystem::read_symlink("/proc/self/exe").filename().string();
-    }
-    EXPECT_EQ(signingIdentifier(::getpid()), *expected);
-    EXPECT_EQ(signingIdentifier(INT_MAX), "");
-}
-
 // A sock_diag reply as the kernel lays it out, the cgroup id behind the
 // padding attribute that 64-bit values get.
 std::vector<std::uint8_t> diagReply(std::uint32_t sequence, std::uint16_t type,
