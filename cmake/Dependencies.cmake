@@ -11,6 +11,11 @@ pkg_check_modules(NFTABLES REQUIRED IMPORTED_TARGET libnftables)
 pkg_check_modules(NFTNL REQUIRED IMPORTED_TARGET libnftnl)
 pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
 pkg_check_modules(NETFILTER_QUEUE REQUIRED IMPORTED_TARGET libnetfilter_queue)
+# The connect hook: libbpf loads it, clang compiles it for BPF, bpftool wraps
+# the object in a header.
+pkg_check_modules(LIBBPF REQUIRED IMPORTED_TARGET libbpf)
+find_program(BPF_CLANG NAMES clang-14 clang REQUIRED)
+find_program(BPFTOOL bpftool PATHS /usr/sbin /sbin REQUIRED)
 
 # Standalone Asio is header-only; Debian installs it under /usr/include.
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)

@@ -1,10 +1,12 @@
 #include "Platform/linux/capture/AppIdentifier.hpp"
+#include "Platform/linux/capture/ConnectOwners.hpp"
 #include "Platform/linux/capture/SocketOwners.hpp"
 #include "Support/NetNamespace.hpp"
 
 #include <arpa/inet.h>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -16,6 +18,7 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -282,12 +285,12 @@ TEST(SocketOwners, FindsLoopbackSocketsAndThisProcess) {
         for (const auto& answer : answers) {
             EXPECT_EQ(answer, ::getpid());
         }
-        ProcessResolver::Counters cached{4, 1, 0, 0};
+        ProcessResolver::Counters cached{0, 4, 1, 0, 0};
         if (!mount || owner->cgroupId == 0) {
-            cached = {4, 0, 1, 0};
+            cached = {0, 4, 0, 1, 0};
         }
         EXPECT_EQ(byCgroup.counters(), cached);
-        EXPECT_EQ(byUid.counters(), (ProcessResolver::Counters{0, 0, 1, 0}));
+        EXPECT_EQ(byUid.counters(), (ProcessResolver::Counters{0, 0, 0, 1, 0}));
 
         // A remembered owner no longer counts once the socket is gone.
         auto inode = owner->inode;
@@ -300,7 +303,8 @@ TEST(SocketOwners, FindsLoopbackSocketsAndThisProcess) {
 }
 
 // SYNs into a veth whose other end is down go nowhere, so the connection
-// stays in SYN_SENT: the moment the capture host asks about it.
+// stays in SYN_SENT: the moment the capture host asks about it. The connect
+// hook names a child that connected after it was attached.
 TEST(SocketOwners, FindsAConnectionInSynSent) {
     std::string whyNot;
     auto ns = test::NetNamespace::create(whyNot);
@@ -329,6 +333,43 @@ TEST(SocketOwners, FindsAConnectionInSynSent) {
     EXPECT_EQ(owner->inode, inodeOf(client.fd));
     EXPECT_EQ(tcpState(client.fd), TCP_SYN_SENT);
     EXPECT_EQ(ProcessResolver().pidFor(*owner), ::getpid());
+
+    auto hook = ConnectOwners::attach(whyNot);
+    if (!hook) {
+        GTEST_SKIP() << whyNot;
+    }
+    EXPECT_FALSE(hook->pidOf(owner->cookie)) << "connected before the hook";
+    int toParent[2];
+    int toChild[2];
+    ASSERT_EQ(::pipe2(toParent, O_CLOEXEC), 0);
+    ASSERT_EQ(::pipe2(toChild, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        ::connect(s, reinterpret_cast<sockaddr*>(&remote), sizeof(remote));
+        sockaddr_in bound{};
+        socklen_t length = sizeof bound;
+        ::getsockname(s, reinterpret_cast<sockaddr*>(&bound), &length);
+        ::write(toParent[1], &bound.sin_port, sizeof bound.sin_port);
+        char done;
+        ::read(toChild[0], &done, 1);
+        ::_exit(0);
+    }
+    std::uint16_t childPort = 0;
+    ASSERT_EQ(::read(toParent[0], &childPort, sizeof childPort), 2);
+    auto childOwner =
+        lookupSocket(AF_INET, IPPROTO_TCP, "192.0.2.1", ntohs(childPort), "192.0.2.9", 9);
+    ASSERT_TRUE(childOwner);
+    ProcessResolver resolver(std::nullopt);
+    resolver.setCookieLookup([&hook](std::uint64_t cookie) { return hook->pidOf(cookie); });
+    EXPECT_EQ(resolver.pidFor(*childOwner), child);
+    EXPECT_EQ(resolver.counters().fromHook, 1U);
+    ::write(toChild[1], "x", 1);
+    ::waitpid(child, nullptr, 0);
+    for (int fd : {toParent[0], toParent[1], toChild[0], toChild[1]}) {
+        ::close(fd);
+    }
 }
 
 } // namespace

@@ -125,6 +125,7 @@ check "wget goes direct with its own address" origin_saw 192.0.2.1
 check "the proxy was asked by name" grep -q "upstream 192.0.2.2:1080 for origin.example:80 (sni)" "$lab_dir/run.log"
 check "events name curl as the application" grep -q '"app":"curl"' <(events)
 check "events name wget as the application" grep -q '"app":"wget"' <(events)
+check "owners are named by the connect hook" grep -q "owners by connect hook" "$lab_dir/run.log"
 
 # Nothing listens on 192.0.2.3: only the sniffed name leads to the echo.
 check "a 2 KB hello in two segments reaches the proxy by its name" \

@@ -7,6 +7,7 @@
 #include "Platform/linux/UnixLineServer.hpp"
 #include "Platform/linux/capture/AppIdentifier.hpp"
 #include "Platform/linux/capture/CaptureTables.hpp"
+#include "Platform/linux/capture/ConnectOwners.hpp"
 #include "Platform/linux/capture/FlowQueue.hpp"
 #include "Platform/linux/capture/LinuxTCPFlow.hpp"
 #include "Platform/linux/capture/LinuxUDPFlow.hpp"
@@ -100,6 +101,7 @@ struct LinuxFlowHost::Impl {
 
     // Made by setTunnelNetworkSettings, on the thread of the start.
     std::unique_ptr<CaptureTables> tables;
+    std::unique_ptr<ConnectOwners> connectOwners;
     std::unique_ptr<FlowQueue> queue;
     std::unique_ptr<asio::posix::stream_descriptor> queueReady;
     std::unique_ptr<asio::ip::tcp::acceptor> listener4;
@@ -523,6 +525,19 @@ void LinuxFlowHost::setTunnelNetworkSettings(
         fail(whyNot);
         return;
     }
+    if (!impl.connectOwners) {
+        // Without the hook owners are still found, through the socket's
+        // cgroup and /proc, only slower for a process's first connection.
+        impl.connectOwners = ConnectOwners::attach(whyNot);
+        if (impl.connectOwners) {
+            impl.resolver.setCookieLookup([hook = impl.connectOwners.get()](std::uint64_t cookie) {
+                return hook->pidOf(cookie);
+            });
+        } else {
+            platform::log::error("{}; owners are found through /proc", whyNot);
+            whyNot.clear();
+        }
+    }
     impl.queue = FlowQueue::open(impl.options.queueNumber, whyNot);
     if (!impl.queue) {
         impl.tables.reset();
@@ -572,9 +587,10 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     impl.sweeper = std::make_unique<asio::steady_timer>(impl.io);
     impl.sweep();
     impl.signals.async_wait([&impl](const std::error_code&, int) { impl.io.stop(); });
-    platform::log::info("capture running: table {}, queue {}, listener port {}",
+    platform::log::info("capture running: table {}, queue {}, listener port {}, owners {}",
                         impl.options.tableName, impl.options.queueNumber,
-                        impl.listener4->local_endpoint().port());
+                        impl.listener4->local_endpoint().port(),
+                        impl.connectOwners ? "by connect hook" : "through /proc");
 
     impl.watchdog = std::thread([&impl] { impl.watch(); });
     std::vector<std::thread> threads;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -59,6 +60,7 @@ class ProcessResolver {
 public:
     // How lookups were answered, for statistics and tests.
     struct Counters {
+        std::uint64_t fromHook = 0;   // named by the connect hook, by cookie
         std::uint64_t fromCache = 0;  // a remembered owner still holding the socket
         std::uint64_t fromCgroup = 0; // found among the socket's cgroup members
         std::uint64_t fromUid = 0;    // found among all processes of the uid
@@ -72,6 +74,10 @@ public:
     // `cgroup2Mount` absent: every look-up takes the uid path. `capacity`
     // bounds the remembered socket owners.
     explicit ProcessResolver(std::optional<std::string> cgroup2Mount, std::size_t capacity = 4096);
+
+    // Asked first, by the socket's cookie, when set (the connect hook); set
+    // before the resolver is shared between threads.
+    void setCookieLookup(std::function<std::optional<pid_t>(std::uint64_t)> lookup);
 
     std::optional<pid_t> pidFor(const SocketOwner& owner);
     Counters counters() const;
@@ -90,6 +96,7 @@ private:
 
     const std::optional<std::string> mount_;
     const std::size_t capacity_;
+    std::function<std::optional<pid_t>(std::uint64_t)> byCookie_;
 
     mutable std::mutex mutex_;
     // cgroup id (the directory's inode number) to its path under mount_.
