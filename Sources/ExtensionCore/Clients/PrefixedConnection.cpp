@@ -93,4 +93,19 @@ void PrefixedConnection::receiveMessage(ReceiveCompletion completion) {
     inner_->receiveMessage(prepending(std::move(head), std::move(completion)));
 }
 
+std::optional<platform::KernelStream::Socket> PrefixedConnection::kernelSocket() {
+    auto* kernel = dynamic_cast<platform::KernelStream*>(inner_.get());
+    if (!kernel) {
+        return std::nullopt;
+    }
+    auto socket = kernel->kernelSocket();
+    if (!socket) {
+        return std::nullopt;
+    }
+    std::lock_guard guard(lock_);
+    prefix_.insert(prefix_.end(), socket->unread.begin(), socket->unread.end());
+    socket->unread = std::exchange(prefix_, {});
+    return socket;
+}
+
 } // namespace veltrane::core

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/KernelStream.hpp"
 #include "Platform/NWConnection.hpp"
 
 #include <memory>
@@ -11,7 +12,7 @@ namespace veltrane::core {
 // handshake: receives deliver those bytes first, then whatever the inner
 // connection delivers. Everything else goes straight to the inner connection.
 // Completions of the prefix are posted on the queue, never run inside the call.
-class PrefixedConnection final : public platform::NWConnection {
+class PrefixedConnection final : public platform::NWConnection, public platform::KernelStream {
 public:
     PrefixedConnection(std::shared_ptr<platform::NWConnection> inner, platform::Bytes prefix,
                        platform::DispatchQueue& queue);
@@ -26,6 +27,8 @@ public:
                  ReceiveCompletion completion) override;
     void receiveMessage(ReceiveCompletion completion) override;
     void cancel() override;
+    // The inner connection's socket, with the prefix ahead of its unread bytes.
+    std::optional<Socket> kernelSocket() override;
 
 private:
     // Takes up to `maximum` bytes of the prefix.

@@ -1,5 +1,8 @@
 #include "ExtensionCore/Flow/FlowPump.hpp"
 
+#include "Platform/SpliceRelay.hpp"
+
+#include <cerrno>
 #include <utility>
 
 namespace veltrane::core {
@@ -14,13 +17,136 @@ FlowPump::FlowPump(std::shared_ptr<platform::NEAppProxyTCPFlow> flow,
     : flow_(std::move(flow)), upstream_(std::move(upstream)),
       initialAppData_(std::move(initialAppData)), onClose_(std::move(onClose)) {}
 
+namespace {
+
+platform::KernelStream* kernelStream(const auto& side) {
+    return dynamic_cast<platform::KernelStream*>(side.get());
+}
+
+// The application aborting its side ends the flow the way a reset read from
+// its flow does.
+FlowError appError(int error) {
+    if (error == ECONNRESET || error == EPIPE || error == ENOTCONN) {
+        return platform::NEAppProxyError::notConnected();
+    }
+    return FlowError::posix(error);
+}
+
+} // namespace
+
 void FlowPump::start() {
     std::optional<Bytes> initial = std::exchange(initialAppData_, std::nullopt);
-    if (initial && !initial->empty()) {
-        sendUpstream(std::move(*initial));
+    if (!kernelStream(flow_) || !kernelStream(upstream_)) {
+        if (initial && !initial->empty()) {
+            sendUpstream(std::move(*initial));
+        } else {
+            pumpAppToUpstream();
+        }
+        pumpUpstreamToApp();
+        return;
+    }
+    if (!initial || initial->empty()) {
+        spliceOrCopy();
+        return;
+    }
+    // The sockets are handed over only between operations.
+    const auto count = initial->size();
+    upstream_->send(std::move(*initial),
+                    [self = shared_from_this(), count](const std::optional<NWError>& error) {
+                        if (error) {
+                            self->finish(FlowError::from(*error));
+                            return;
+                        }
+                        {
+                            std::lock_guard guard(self->lock_);
+                            self->counters_.sent += count;
+                        }
+                        self->spliceOrCopy();
+                    });
+}
+
+void FlowPump::spliceOrCopy() {
+    if (isClosed()) {
+        return;
+    }
+    auto app = kernelStream(flow_)->kernelSocket();
+    auto upstream = app ? kernelStream(upstream_)->kernelSocket() : std::nullopt;
+    if (app && upstream && upstream->queue) {
+        relay(std::move(*app), std::move(*upstream));
+        return;
+    }
+    // Bytes either side had read ahead are not lost on the copying path.
+    if (upstream && !upstream->unread.empty()) {
+        writeToApp(std::move(upstream->unread));
+    } else {
+        pumpUpstreamToApp();
+    }
+    if (app && !app->unread.empty()) {
+        sendUpstream(std::move(app->unread));
     } else {
         pumpAppToUpstream();
     }
+}
+
+void FlowPump::relay(platform::KernelStream::Socket app, platform::KernelStream::Socket upstream) {
+    // What was read ahead goes first, through the sides' own operations.
+    if (!app.unread.empty()) {
+        auto bytes = std::exchange(app.unread, {});
+        const auto count = bytes.size();
+        upstream_->send(std::move(bytes), [self = shared_from_this(), count, app,
+                                           upstream](const std::optional<NWError>& error) mutable {
+            if (error) {
+                self->finish(FlowError::from(*error));
+                return;
+            }
+            {
+                std::lock_guard guard(self->lock_);
+                self->counters_.sent += count;
+            }
+            self->relay(std::move(app), std::move(upstream));
+        });
+        return;
+    }
+    if (!upstream.unread.empty()) {
+        auto bytes = std::exchange(upstream.unread, {});
+        const auto count = bytes.size();
+        flow_->writeData(std::move(bytes), [self = shared_from_this(), count, app, upstream](
+                                               const std::optional<FlowError>& error) mutable {
+            if (error) {
+                self->finish(error);
+                return;
+            }
+            {
+                std::lock_guard guard(self->lock_);
+                self->counters_.received += count;
+            }
+            self->relay(std::move(app), std::move(upstream));
+        });
+        return;
+    }
+    auto started = platform::SpliceRelay::start(
+        *upstream.queue, app.fd, upstream.fd,
+        [self = shared_from_this()](const platform::SpliceRelay::Ending& ending) {
+            {
+                std::lock_guard guard(self->lock_);
+                self->counters_.sent += ending.sent;
+                self->counters_.received += ending.received;
+            }
+            if (ending.upstreamError) {
+                self->finish(FlowError::from(NWError::posix(*ending.upstreamError)));
+            } else if (ending.appError) {
+                self->finish(appError(*ending.appError));
+            } else {
+                self->finish(std::nullopt);
+            }
+        });
+    if (!started) {
+        copy();
+    }
+}
+
+void FlowPump::copy() {
+    pumpAppToUpstream();
     pumpUpstreamToApp();
 }
 

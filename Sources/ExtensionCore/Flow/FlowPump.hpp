@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/FlowError.hpp"
+#include "Platform/KernelStream.hpp"
 #include "Platform/NEAppProxyTCPFlow.hpp"
 #include "Platform/NWConnection.hpp"
 
@@ -22,6 +23,8 @@ namespace veltrane::core {
 // application finishing its sending only half-closes the upstream; replies
 // keep flowing until the upstream finishes. Each direction has one operation
 // outstanding at a time, so the pump holds at most one chunk per direction.
+// When both sides are kernel sockets, the bytes move between them in the
+// kernel (SpliceRelay) with the same counts and the same one ending.
 //
 // Must be owned by a shared_ptr: the pending completions keep it alive, so
 // the caller may drop it right after start().
@@ -51,6 +54,9 @@ public:
     void start();
 
 private:
+    void spliceOrCopy();
+    void relay(platform::KernelStream::Socket app, platform::KernelStream::Socket upstream);
+    void copy();
     void pumpAppToUpstream();
     void sendUpstream(platform::Bytes bytes);
     void pumpUpstreamToApp();

@@ -1,6 +1,7 @@
 #include "Platform/linux/LinuxConnection.hpp"
 
 #include "Platform/BypassMark.hpp"
+#include "Platform/KernelStream.hpp"
 
 #include <asio.hpp>
 #include <atomic>
@@ -67,7 +68,7 @@ NWError socketError(const std::error_code& ec) {
 }
 
 template <class Protocol>
-class AsioConnection final : public NWConnection {
+class AsioConnection final : public NWConnection, public KernelStream {
 public:
     static constexpr bool isStream = std::is_same_v<Protocol, asio::ip::tcp>;
 
@@ -116,6 +117,29 @@ public:
         std::size_t maximum = std::max<std::size_t>(maximumLength, 1);
         std::size_t minimum = std::clamp<std::size_t>(minimumIncompleteLength, 1, maximum);
         submitReceive(PendingReceive{minimum, maximum, std::move(completion)});
+    }
+
+    // Called from a handler of this connection (on its strand), between
+    // operations: the state below is the strand's.
+    std::optional<Socket> kernelSocket() override {
+        if constexpr (!isStream) {
+            return std::nullopt;
+        } else {
+            std::lock_guard lock(mutex_);
+            if (!strand_ || !ready_ || finished_ || peerFinished_ || writeShut_ || reading_ ||
+                writing_ || !sends_.empty() || !receives_.empty() || !socket_) {
+                return std::nullopt;
+            }
+            Socket socket{socket_->native_handle(),
+                          &asio::query(strand_->get_inner_executor(), asio::execution::context),
+                          Bytes(inbound_.begin() + static_cast<std::ptrdiff_t>(inboundOffset_),
+                                inbound_.end())};
+            inbound_.clear();
+            inboundOffset_ = 0;
+            // The relay reads on its own from now on: no buffer stays idle.
+            readBuffer_.reset();
+            return socket;
+        }
     }
 
     void receiveMessage(ReceiveCompletion completion) override {

@@ -35,8 +35,10 @@ std::optional<std::size_t> tlsRecordLength(const Bytes& bytes) {
 } // namespace
 
 struct LinuxTCPFlow::State : std::enable_shared_from_this<LinuxTCPFlow::State> {
-    explicit State(DispatchQueue& queue) : strand(asio::make_strand(queue)), socket(strand) {}
+    explicit State(DispatchQueue& queue)
+        : queue(queue), strand(asio::make_strand(queue)), socket(strand) {}
 
+    DispatchQueue& queue;
     asio::strand<asio::io_context::executor_type> strand;
     asio::ip::tcp::socket socket; // touched on the strand only
 
@@ -245,6 +247,14 @@ void LinuxTCPFlow::readData(ReadCompletion completion) {
                 completion(std::move(*buffer), std::nullopt);
             });
     });
+}
+
+std::optional<KernelStream::Socket> LinuxTCPFlow::kernelSocket() {
+    std::lock_guard guard(state_->lock);
+    if (!state_->opened || state_->readClosed || state_->writeClosed || !state_->socket.is_open()) {
+        return std::nullopt;
+    }
+    return Socket{state_->socket.native_handle(), &state_->queue, {}};
 }
 
 void LinuxTCPFlow::writeData(Bytes data, WriteCompletion completion) {

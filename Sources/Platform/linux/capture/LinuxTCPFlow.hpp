@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/KernelStream.hpp"
 #include "Platform/NEAppProxyTCPFlow.hpp"
 #include "Platform/NWConnection.hpp"
 
@@ -15,7 +16,7 @@ namespace veltrane::platform::capture {
 // redirected connection reaches the host's listener, and the provider's open
 // completes only then. Closing a flow before that (a refusal) leaves no
 // socket to close: the host then resets the connection at the kernel.
-class LinuxTCPFlow final : public NEAppProxyTCPFlow {
+class LinuxTCPFlow final : public NEAppProxyTCPFlow, public KernelStream {
 public:
     // How long the first read waits for the rest of a TLS record that its
     // first bytes announce: browsers' hellos outgrow one segment.
@@ -41,6 +42,9 @@ public:
     NWEndpointRef remoteEndpoint() const override { return remoteEndpoint_; }
     void readData(ReadCompletion completion) override;
     void writeData(Bytes data, WriteCompletion completion) override;
+
+    // --- KernelStream ---
+    std::optional<Socket> kernelSocket() override;
 
     struct State;
 

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "Platform/NWConnection.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace veltrane::platform {
+
+// Moves a TCP flow's bytes both ways between two connected kernel stream
+// sockets with splice(), through one pipe per direction, so they never
+// cross the process and no buffer of ours is held while the flow is idle.
+//
+// It ends once: when the upstream finishes and every byte it sent has
+// reached the application, or when either socket fails. The application
+// finishing its sending half-closes the upstream; replies keep flowing. The
+// caller keeps owning both sockets: the relay works on duplicates and lets
+// go of them before it reports the end, so that what the caller then does
+// with its own (a reset) takes effect at once.
+class SpliceRelay {
+public:
+    struct Ending {
+        std::uint64_t sent = 0;           // bytes the upstream socket took
+        std::uint64_t received = 0;       // bytes the application's socket took
+        std::optional<int> appError;      // errno of the application's socket
+        std::optional<int> upstreamError; // errno of the upstream socket
+    };
+    using OnEnd = std::function<void(const Ending&)>;
+
+    // Handlers run on `queue`. Nothing, and the end is never reported, when
+    // the relay cannot be set up (out of descriptors): copy instead.
+    static std::shared_ptr<SpliceRelay> start(DispatchQueue& queue, int appSocket,
+                                              int upstreamSocket, OnEnd onEnd);
+    virtual ~SpliceRelay() = default;
+};
+
+} // namespace veltrane::platform

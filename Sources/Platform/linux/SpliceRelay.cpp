@@ -1,0 +1,226 @@
+#include "Platform/SpliceRelay.hpp"
+
+#include <asio.hpp>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace veltrane::platform {
+
+namespace {
+
+// A pipe of the default size holds sixteen pages or socket fragments; a
+// quarter megabyte lets one splice move what one loopback read brings.
+constexpr int pipeCapacity = 256 * 1024;
+// Rounds of one direction before the other gets its turn on the strand.
+constexpr int roundsPerTurn = 16;
+
+class LinuxSpliceRelay final : public SpliceRelay,
+                               public std::enable_shared_from_this<LinuxSpliceRelay> {
+public:
+    LinuxSpliceRelay(DispatchQueue& queue, OnEnd onEnd)
+        : strand_(asio::make_strand(queue)), app_(strand_), upstream_(strand_),
+          onEnd_(std::move(onEnd)) {}
+
+    ~LinuxSpliceRelay() override { release(); }
+
+    bool setUp(int appSocket, int upstreamSocket) {
+        for (auto* direction : {&toUpstream_, &toApp_}) {
+            int ends[2];
+            if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+                return false;
+            }
+            direction->pipeRead = ends[0];
+            direction->pipeWrite = ends[1];
+            // A smaller pipe (the per-user limit reached) only moves less at a time.
+            ::fcntl(ends[1], F_SETPIPE_SZ, pipeCapacity);
+        }
+        const int app = ::fcntl(appSocket, F_DUPFD_CLOEXEC, 0);
+        const int upstream = ::fcntl(upstreamSocket, F_DUPFD_CLOEXEC, 0);
+        if (app < 0 || upstream < 0) {
+            for (int fd : {app, upstream}) {
+                if (fd >= 0) {
+                    ::close(fd);
+                }
+            }
+            return false;
+        }
+        std::error_code error;
+        app_.assign(app, error);
+        if (error) {
+            ::close(app);
+            ::close(upstream);
+            return false;
+        }
+        upstream_.assign(upstream, error);
+        if (error) {
+            ::close(upstream);
+            return false;
+        }
+        // Shared with the caller's descriptors, which are non-blocking already
+        // for their own asynchronous use.
+        for (int fd : {app, upstream}) {
+            ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+        }
+        toUpstream_.from = &app_;
+        toUpstream_.to = &upstream_;
+        toUpstream_.towardUpstream = true;
+        toApp_.from = &upstream_;
+        toApp_.to = &app_;
+        return true;
+    }
+
+    void run() {
+        asio::dispatch(strand_, [self = shared_from_this()] {
+            self->step(self->toUpstream_);
+            self->step(self->toApp_);
+        });
+    }
+
+private:
+    using Descriptor = asio::posix::stream_descriptor;
+
+    struct Direction {
+        Descriptor* from = nullptr;
+        Descriptor* to = nullptr;
+        bool towardUpstream = false;
+        int pipeRead = -1;
+        int pipeWrite = -1;
+        std::size_t inPipe = 0;
+        std::uint64_t moved = 0;
+        bool sourceEnded = false;
+    };
+
+    // Moves what can be moved now, then waits for the socket that held it up.
+    void step(Direction& d) {
+        for (int round = 0; round < roundsPerTurn; ++round) {
+            if (ended_) {
+                return;
+            }
+            if (d.inPipe > 0) {
+                const ssize_t n = ::splice(d.pipeRead, nullptr, d.to->native_handle(), nullptr,
+                                           d.inPipe, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+                if (n > 0) {
+                    d.inPipe -= static_cast<std::size_t>(n);
+                    d.moved += static_cast<std::uint64_t>(n);
+                    continue;
+                }
+                if (n < 0 && errno == EINTR) {
+                    continue;
+                }
+                if (n < 0 && errno == EAGAIN) {
+                    wait(d, *d.to, Descriptor::wait_write);
+                    return;
+                }
+                fail(d.to == &app_, n < 0 ? errno : EPIPE);
+                return;
+            }
+            if (d.sourceEnded) {
+                if (d.towardUpstream) {
+                    // The application has finished sending: so does the
+                    // upstream, while its replies go on.
+                    ::shutdown(upstream_.native_handle(), SHUT_WR);
+                } else {
+                    end(std::nullopt, std::nullopt);
+                }
+                return;
+            }
+            const ssize_t n = ::splice(d.from->native_handle(), nullptr, d.pipeWrite, nullptr,
+                                       pipeCapacity, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+            if (n > 0) {
+                d.inPipe = static_cast<std::size_t>(n);
+                continue;
+            }
+            if (n == 0) {
+                d.sourceEnded = true;
+                continue;
+            }
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno == EAGAIN) {
+                // The pipe is empty here, so it is the socket that has nothing.
+                wait(d, *d.from, Descriptor::wait_read);
+                return;
+            }
+            fail(d.from == &app_, errno);
+            return;
+        }
+        // A busy direction yields, so the other is not starved.
+        asio::post(strand_, [self = shared_from_this(), &d] { self->step(d); });
+    }
+
+    void wait(Direction& d, Descriptor& descriptor, Descriptor::wait_type type) {
+        const bool onApp = &descriptor == &app_;
+        descriptor.async_wait(type,
+                              [self = shared_from_this(), &d, onApp](const std::error_code& error) {
+                                  if (self->ended_) {
+                                      return;
+                                  }
+                                  if (error) {
+                                      self->fail(onApp, error.value());
+                                      return;
+                                  }
+                                  self->step(d);
+                              });
+    }
+
+    void fail(bool onApp, int error) {
+        if (onApp) {
+            end(error, std::nullopt);
+        } else {
+            end(std::nullopt, error);
+        }
+    }
+
+    void end(std::optional<int> appError, std::optional<int> upstreamError) {
+        if (ended_) {
+            return;
+        }
+        ended_ = true;
+        Ending ending{toUpstream_.moved, toApp_.moved, appError, upstreamError};
+        // Our duplicates go first: a reset the caller then asks for on its
+        // own descriptor must not wait for ours.
+        release();
+        if (auto onEnd = std::move(onEnd_)) {
+            onEnd(ending);
+        }
+    }
+
+    void release() {
+        std::error_code ignored;
+        app_.close(ignored);
+        upstream_.close(ignored);
+        for (auto* direction : {&toUpstream_, &toApp_}) {
+            for (int* fd : {&direction->pipeRead, &direction->pipeWrite}) {
+                if (*fd >= 0) {
+                    ::close(*fd);
+                    *fd = -1;
+                }
+            }
+        }
+    }
+
+    asio::strand<DispatchQueue::executor_type> strand_;
+    Descriptor app_;
+    Descriptor upstream_;
+    OnEnd onEnd_;
+    Direction toUpstream_;
+    Direction toApp_;
+    bool ended_ = false;
+};
+
+} // namespace
+
+std::shared_ptr<SpliceRelay> SpliceRelay::start(DispatchQueue& queue, int appSocket,
+                                                int upstreamSocket, OnEnd onEnd) {
+    auto relay = std::make_shared<LinuxSpliceRelay>(queue, std::move(onEnd));
+    if (!relay->setUp(appSocket, upstreamSocket)) {
+        return nullptr;
+    }
+    relay->run();
+    return relay;
+}
+
+} // namespace veltrane::platform
