@@ -15,6 +15,7 @@
 
 #include <arpa/inet.h>
 #include <asio.hpp>
+#include <csignal>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -82,6 +83,23 @@ std::optional<std::pair<std::string, std::uint16_t>> originalDestination(int fd,
     return std::pair(std::string(text), ntohs(in4->sin_port));
 }
 
+// A descriptor closed with its owner.
+class OwnedFd {
+public:
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    ~OwnedFd() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    OwnedFd(const OwnedFd&) = delete;
+    OwnedFd& operator=(const OwnedFd&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
 std::string pendingKey(const std::string& source, std::uint16_t sourcePort,
                        const std::string& destination, std::uint16_t destinationPort) {
     return source + "|" + std::to_string(sourcePort) + "|" + destination + "|" +
@@ -98,6 +116,8 @@ struct LinuxFlowHost::Impl {
     asio::signal_set signals;
     std::shared_ptr<NETransparentProxyProvider> provider;
     ProcessResolver resolver;
+    // Decisions are made one at a time, so they share one sock_diag socket.
+    OwnedFd diagSocket{openSocketDiagnosis()};
 
     // Made by setTunnelNetworkSettings, on the thread of the start.
     std::unique_ptr<CaptureTables> tables;
@@ -153,7 +173,7 @@ bool LinuxFlowHost::Impl::openListeners(std::string& whyNot) {
     // address is the loopback of the connection's own family.
     try {
         listener4 = std::make_unique<asio::ip::tcp::acceptor>(
-            io, asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
+            io, asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), options.listenerPort));
         const auto port = listener4->local_endpoint().port();
         listener6 = std::make_unique<asio::ip::tcp::acceptor>(io);
         listener6->open(asio::ip::tcp::v6());
@@ -238,8 +258,9 @@ void LinuxFlowHost::Impl::waitForPackets() {
 
 NEFlowMetaData LinuxFlowHost::Impl::metaDataFor(const QueuedPacket& packet) {
     NEFlowMetaData metaData;
-    const auto owner = lookupSocket(packet.family, packet.protocol, packet.source,
-                                    packet.sourcePort, packet.destination, packet.destinationPort);
+    const auto owner =
+        lookupSocket(packet.family, packet.protocol, packet.source, packet.sourcePort,
+                     packet.destination, packet.destinationPort, diagSocket.get());
     if (!owner) {
         return metaData;
     }
@@ -507,6 +528,7 @@ void LinuxFlowHost::setTunnelNetworkSettings(
     config.name = impl.options.tableName;
     config.queueNumber = impl.options.queueNumber;
     config.tcpListenerPort = impl.listener4->local_endpoint().port();
+    config.localIncluded = impl.options.localIncluded;
     std::uint16_t udpPort = 0;
     if (impl.transparent.empty() && !impl.openTransparent(udpPort, whyNot)) {
         // TCP is captured all the same; QUIC then simply goes direct.
@@ -554,6 +576,9 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     auto& impl = *impl_;
     impl.provider = provider;
     setBypassSocketMark(impl.options.bypassMark);
+    // A peer gone while bytes move to it is an error of that flow: splice()
+    // has no flag to keep the signal away, so it is ignored process-wide.
+    std::signal(SIGPIPE, SIG_IGN);
     provider->attachHost(weak_from_this());
     if (impl.options.profile) {
         provider->setProtocolConfiguration(
