@@ -2,6 +2,7 @@
 // running one a new profile.
 #include "Commands.hpp"
 #include "Platform/RuntimePaths.hpp"
+#include "Platform/linux/capture/CaptureTables.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -18,6 +19,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace veltrane::app {
 namespace {
@@ -27,6 +29,8 @@ constexpr const char* hostService = "com.veltrane.flowhost";
 struct RunOptions {
     std::string profile;
     std::string netns;
+    std::uint16_t listenPort = 0;
+    std::vector<std::string> includeLocal;
 };
 
 // The profile's bytes in one line, or nothing after one line on stderr.
@@ -99,6 +103,18 @@ int run(const RunOptions& options) {
         return exitUnavailable;
     }
     const std::string program = extensionPath();
+    std::vector<std::string> words{program};
+    if (options.listenPort != 0) {
+        words.insert(words.end(), {"--listen-port", std::to_string(options.listenPort)});
+    }
+    for (const auto& network : options.includeLocal) {
+        words.insert(words.end(), {"--include-local", network});
+    }
+    std::vector<char*> argv;
+    for (auto& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
     child = ::fork();
     if (child == 0) {
         if (namespaceFd >= 0 && ::setns(namespaceFd, CLONE_NEWNET) != 0) {
@@ -110,7 +126,7 @@ int run(const RunOptions& options) {
         // that ends: it then stops cleanly and its tables go with it.
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         ::dup2(input[0], STDIN_FILENO);
-        ::execlp(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
+        ::execvp(program.c_str(), argv.data());
         std::cerr << "veltrane run: cannot start " << program << ": " << std::strerror(errno)
                   << "\n";
         ::_exit(exitUnavailable);
@@ -190,6 +206,21 @@ void addRunCommands(CLI::App& app, CommandRunner& runner) {
     runVerb->add_option("--profile", options->profile, "The profile to route by (JSON file)");
     runVerb->add_option("--netns", options->netns,
                         "Run inside this existing network namespace (ip netns) instead");
+    runVerb
+        ->add_option("--listen-port", options->listenPort,
+                     "Receive carried connections on this port of 127.0.0.1 and ::1 "
+                     "(default: a free one)")
+        ->check(CLI::Range(1, 65535));
+    runVerb
+        ->add_option("--include-local", options->includeLocal,
+                     "Also route connections to this machine's own addresses inside this "
+                     "network (192.0.2.0/24, 2001:db8::/32; repeatable); they are left alone "
+                     "by default")
+        ->check([](const std::string& value) {
+            return platform::capture::Network::parse(value)
+                       ? std::string()
+                       : "not an address or a network: " + value;
+        });
     runVerb->callback([&runner, options] { runner = [options] { return run(*options); }; });
 
     auto profile = std::make_shared<std::string>();

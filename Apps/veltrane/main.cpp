@@ -14,7 +14,8 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        // Help is a success; any argument that does not read is bad input.
+        return app.exit(e) == 0 ? veltrane::app::exitOK : veltrane::app::exitBadInput;
     }
     return runner ? runner() : veltrane::app::exitOK;
 }

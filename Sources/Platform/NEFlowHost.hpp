@@ -3,6 +3,7 @@
 #include "Platform/NETransparentProxyProvider.hpp"
 
 #include <memory>
+#include <span>
 
 namespace veltrane::platform {
 
@@ -18,6 +19,9 @@ public:
 };
 
 // The flow host of this machine's kernel, or null where this build has none.
-std::shared_ptr<NEFlowHost> systemFlowHost();
+// `arguments` are the host's own settings (how it captures, never how flows
+// are routed): "--listen-port N", "--include-local NETWORK" (repeatable). Throws
+// std::invalid_argument for anything else.
+std::shared_ptr<NEFlowHost> systemFlowHost(std::span<char* const> arguments = {});
 
 } // namespace veltrane::platform

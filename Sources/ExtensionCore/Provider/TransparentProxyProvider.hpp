@@ -47,7 +47,7 @@ public:
     // registry, the steady clock, the control socket in the runtime directory.
     struct Options {
         platform::DispatchQueue* queue = nullptr;
-        int queueThreads = 4; // for a queue of its own
+        int queueThreads = 1; // for a queue of its own
         std::shared_ptr<platform::NWConnectionService> connections;
         StatsCollector* collector = nullptr;
         InterfaceRegistry* interfaces = nullptr;

@@ -401,6 +401,39 @@ private:
 
 constexpr const char* queueRule = "queue rule";
 
+} // namespace
+
+std::optional<Network> Network::parse(const std::string& text) {
+    const auto slash = text.find('/');
+    const std::string address = text.substr(0, slash);
+    Network network;
+    if (::inet_pton(AF_INET, address.c_str(), network.address.data()) == 1) {
+        network.family = AF_INET;
+        network.length = 32;
+    } else if (::inet_pton(AF_INET6, address.c_str(), network.address.data()) == 1) {
+        network.family = AF_INET6;
+        network.length = 128;
+    } else {
+        return std::nullopt;
+    }
+    if (slash != std::string::npos) {
+        const std::string bits = text.substr(slash + 1);
+        if (bits.empty() || bits.size() > 3 ||
+            bits.find_first_not_of("0123456789") != std::string::npos ||
+            std::stoul(bits) > network.length) {
+            return std::nullopt;
+        }
+        network.length = static_cast<unsigned>(std::stoul(bits));
+    }
+    // Host bits are cleared, so that the rule compares what it masks.
+    for (unsigned bit = network.length; bit < 128; ++bit) {
+        network.address[bit / 8] &= static_cast<std::uint8_t>(~(0x80 >> (bit % 8)));
+    }
+    return network;
+}
+
+namespace {
+
 void describeRuleset(Batch& batch, const TableConfig& config) {
     const auto& table = config.name;
     const auto& marks = config.marks;
@@ -422,21 +455,41 @@ void describeRuleset(Batch& batch, const TableConfig& config) {
     loopback[15] = 1;
     batch.rule(Rule(table, "decide").family(NFPROTO_IPV6).destinationIn(24, all, loopback).accept(),
                "loopback rule");
-    batch.rule(Rule(table, "decide").destinationIsLocal().accept(), "local address rule");
-    batch.rule(Rule(table, "decide")
-                   .protocol(IPPROTO_TCP)
-                   .newConnection()
-                   .loneSyn()
-                   .queue(config.queueNumber),
-               queueRule);
-    if (udp) {
-        batch.rule(Rule(table, "decide")
-                       .protocol(IPPROTO_UDP)
-                       .newConnection()
-                       .destinationPort(quicPort)
-                       .queue(config.queueNumber),
+    // The queue rules, for every destination or only inside one network.
+    auto queueRules = [&](const Network* network) {
+        auto base = [&] {
+            Rule rule(table, "decide");
+            if (network) {
+                std::array<std::uint8_t, 16> mask{};
+                for (unsigned bit = 0; bit < network->length; ++bit) {
+                    mask[bit / 8] |= static_cast<std::uint8_t>(0x80 >> (bit % 8));
+                }
+                if (network->family == AF_INET) {
+                    std::array<std::uint8_t, 4> mask4{mask[0], mask[1], mask[2], mask[3]};
+                    const auto& a = network->address;
+                    rule.family(NFPROTO_IPV4).destinationIn<4>(16, mask4, {a[0], a[1], a[2], a[3]});
+                } else {
+                    rule.family(NFPROTO_IPV6).destinationIn(24, mask, network->address);
+                }
+            }
+            return rule;
+        };
+        batch.rule(base().protocol(IPPROTO_TCP).newConnection().loneSyn().queue(config.queueNumber),
                    queueRule);
+        if (udp) {
+            batch.rule(base()
+                           .protocol(IPPROTO_UDP)
+                           .newConnection()
+                           .destinationPort(quicPort)
+                           .queue(config.queueNumber),
+                       queueRule);
+        }
+    };
+    for (const auto& network : config.localIncluded) {
+        queueRules(&network);
     }
+    batch.rule(Rule(table, "decide").destinationIsLocal().accept(), "local address rule");
+    queueRules(nullptr);
 
     // Nat sees only the first packet of a connection: the one with the verdict.
     batch.chain(table, "steer", "nat", NF_INET_LOCAL_OUT, -100);

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <sys/socket.h>
 #include <vector>
 
 struct mnl_socket;
@@ -25,6 +28,17 @@ struct Marks {
     friend bool operator==(const Marks&, const Marks&) = default;
 };
 
+// An address prefix of one family.
+struct Network {
+    int family = AF_INET; // AF_INET or AF_INET6
+    std::array<std::uint8_t, 16> address{};
+    unsigned length = 32;
+
+    // "192.0.2.0/24", "2001:db8::/32", or a lone address; nothing otherwise.
+    static std::optional<Network> parse(const std::string& text);
+    friend bool operator==(const Network&, const Network&) = default;
+};
+
 struct TableConfig {
     std::string name = "veltrane";
     std::uint16_t queueNumber = 4242;
@@ -38,6 +52,9 @@ struct TableConfig {
     std::uint32_t routeTable = 4242;
     std::uint32_t routeRulePriority = 4242;
     Marks marks;
+    // Connections to the machine's own non-loopback addresses are left alone
+    // except inside these networks; loopback never is decided.
+    std::vector<Network> localIncluded;
 
     friend bool operator==(const TableConfig&, const TableConfig&) = default;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/NEFlowHost.hpp"
+#include "Platform/linux/capture/CaptureTables.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -26,7 +27,13 @@ public:
         std::uint32_t bypassMark = 0x00100000;
         std::uint32_t carryMark = 0x00200000;
         std::uint32_t refuseMark = 0x00300000;
-        int threads = 4;
+        int threads = 1;
+        // The carried connections' listener on 127.0.0.1 and ::1; 0: a free port.
+        std::uint16_t listenerPort = 0;
+        // Also decide connections to this machine's own non-loopback
+        // addresses inside these networks (a lab whose servers sit on
+        // local addresses); the rest of them are left alone.
+        std::vector<Network> localIncluded;
         // The provider configuration's profile, if any.
         std::optional<std::vector<std::uint8_t>> profile;
         // Where app messages (one profile document per line) arrive; empty:

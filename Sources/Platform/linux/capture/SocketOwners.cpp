@@ -213,7 +213,16 @@ std::unordered_map<std::uint64_t, std::string> readCgroupTree(const std::string&
 
 std::atomic<std::uint32_t> nextSequence{1};
 
-std::optional<SocketOwner> askKernel(const inet_diag_req_v2& request, int protocol) {
+} // namespace
+
+int openSocketDiagnosis() {
+    return ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+}
+
+namespace {
+
+std::optional<SocketOwner> askKernel(const inet_diag_req_v2& request, int protocol,
+                                     int diagSocket) {
     struct {
         nlmsghdr header;
         inet_diag_req_v2 body;
@@ -225,9 +234,10 @@ std::optional<SocketOwner> askKernel(const inet_diag_req_v2& request, int protoc
     message.header.nlmsg_seq = sequence;
     message.body = request;
 
-    // A socket per look-up: it belongs to the network namespace of the thread
-    // that makes it, and callers (tests, the host) may switch namespaces.
-    int fd = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    // Without the caller's socket, one for this look-up: a socket belongs to
+    // the network namespace of the thread that makes it, and callers (tests,
+    // the host) may switch namespaces.
+    const int fd = diagSocket >= 0 ? diagSocket : openSocketDiagnosis();
     if (fd < 0) {
         return std::nullopt;
     }
@@ -246,12 +256,25 @@ std::optional<SocketOwner> askKernel(const inet_diag_req_v2& request, int protoc
     if (sent == static_cast<ssize_t>(sizeof(message))) {
         // The kernel answers sock_diag requests inside sendto, so the reply
         // is queued already; not blocking keeps a surprise from hanging us.
-        do {
+        // On a kept socket, replies to earlier requests that were never read
+        // are passed over.
+        for (;;) {
             received = ::recvfrom(fd, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC,
                                   reinterpret_cast<sockaddr*>(&from), &fromLength);
-        } while (received < 0 && errno == EINTR);
+            if (received < 0 && errno == EINTR) {
+                continue;
+            }
+            if (received >= static_cast<ssize_t>(sizeof(nlmsghdr)) &&
+                static_cast<std::size_t>(received) <= buffer.size() &&
+                reinterpret_cast<const nlmsghdr*>(buffer.data())->nlmsg_seq != sequence) {
+                continue;
+            }
+            break;
+        }
     }
-    ::close(fd);
+    if (fd != diagSocket) {
+        ::close(fd);
+    }
     // Only the kernel (port 0) answers; a cut-off reply is no reply.
     if (received <= 0 || static_cast<std::size_t>(received) > buffer.size() || from.nl_pid != 0) {
         return std::nullopt;
@@ -329,7 +352,7 @@ std::optional<DiagnosedSocket> parseInetDiagReply(std::span<const std::uint8_t> 
 
 std::optional<SocketOwner> lookupSocket(int family, int protocol, const std::string& source,
                                         std::uint16_t sourcePort, const std::string& destination,
-                                        std::uint16_t destinationPort) {
+                                        std::uint16_t destinationPort, int diagSocket) {
     if ((family != AF_INET && family != AF_INET6) ||
         (protocol != IPPROTO_TCP && protocol != IPPROTO_UDP)) {
         return std::nullopt;
@@ -351,7 +374,7 @@ std::optional<SocketOwner> lookupSocket(int family, int protocol, const std::str
         ::inet_pton(family, requestDestination.c_str(), request.id.idiag_dst) != 1) {
         return std::nullopt;
     }
-    return askKernel(request, protocol);
+    return askKernel(request, protocol, diagSocket);
 }
 
 ProcessResolver::ProcessResolver() : ProcessResolver(systemCgroup2Mount()) {}

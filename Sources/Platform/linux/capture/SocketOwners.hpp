@@ -31,10 +31,16 @@ struct SocketOwner {
 // any state from SYN_SENT on, a UDP socket connected or not. Addresses as text
 // ("192.0.2.1", "2001:db8::1"). Nothing when no process owns such a socket
 // (none, a listener, or a TIME_WAIT remnant), or for an address that is not of
-// `family`. The lookup happens in the calling thread's network namespace.
+// `family`. The lookup happens in the calling thread's network namespace, or
+// in that of `diagSocket` (from openSocketDiagnosis(); one caller at a time)
+// when one is given.
 std::optional<SocketOwner> lookupSocket(int family, int protocol, const std::string& source,
                                         std::uint16_t sourcePort, const std::string& destination,
-                                        std::uint16_t destinationPort);
+                                        std::uint16_t destinationPort, int diagSocket = -1);
+
+// A sock_diag socket of the calling thread's network namespace, kept by a
+// caller that looks up often; -1 on failure.
+int openSocketDiagnosis();
 
 // One socket as a sock_diag reply describes it.
 struct DiagnosedSocket {
