@@ -20,5 +20,7 @@ int main(int argc, char** argv) {
         std::fputs("veltrane-extension: this build has no flow host for this system\n", stderr);
         return 2;
     }
-    return host->run(std::make_shared<veltrane::VeltraneProvider>());
+    veltrane::core::TransparentProxyProvider::Options options;
+    options.queue = host->sharedQueue();
+    return host->run(std::make_shared<veltrane::VeltraneProvider>(std::move(options)));
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/NETransparentProxyProvider.hpp"
+#include "Platform/NWConnection.hpp"
 
 #include <memory>
 #include <span>
@@ -16,6 +17,11 @@ public:
 
     // Returns the process's exit status once the host has stopped.
     virtual int run(std::shared_ptr<NETransparentProxyProvider> provider) = 0;
+
+    // The host's own event loop, when a provider may run its work there:
+    // a flow's bytes and decisions then never change threads. Null when the
+    // provider should keep a queue of its own.
+    virtual DispatchQueue* sharedQueue() { return nullptr; }
 };
 
 // The flow host of this machine's kernel, or null where this build has none.

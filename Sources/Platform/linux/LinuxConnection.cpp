@@ -3,11 +3,12 @@
 #include "Platform/BypassMark.hpp"
 #include "Platform/KernelStream.hpp"
 
+#include <array>
 #include <asio.hpp>
 #include <atomic>
 #include <cerrno>
-#include <deque>
 #include <limits>
+#include <list>
 #include <mutex>
 #include <net/if.h>
 #include <netdb.h>
@@ -136,8 +137,6 @@ public:
                                 inbound_.end())};
             inbound_.clear();
             inboundOffset_ = 0;
-            // The relay reads on its own from now on: no buffer stays idle.
-            readBuffer_.reset();
             return socket;
         }
     }
@@ -149,8 +148,8 @@ public:
     }
 
     void cancel() override {
-        std::deque<PendingSend> sends;
-        std::deque<PendingReceive> receives;
+        std::list<PendingSend> sends;
+        std::list<PendingReceive> receives;
         StateUpdateHandler handler;
         {
             std::lock_guard lock(mutex_);
@@ -434,32 +433,45 @@ private:
         }
     }
 
+    // Waits for readability and only then reads, into the thread's scratch
+    // buffer: a connection holds no read buffer while it waits, and only what
+    // arrived is kept.
     void startRead() {
         if (reading_) {
             return;
         }
         reading_ = true;
-        if (!readBuffer_) {
-            readBuffer_ = std::make_shared<Bytes>(readChunk);
-        }
-        auto handler = [self = self(), buffer = readBuffer_](const asio::error_code& ec,
-                                                             std::size_t count) {
-            self->readFinished(ec, count);
-        };
-        if constexpr (isStream) {
-            socket_->async_read_some(asio::buffer(*readBuffer_), std::move(handler));
-        } else {
-            socket_->async_receive(asio::buffer(*readBuffer_), std::move(handler));
-        }
+        socket_->async_wait(Protocol::socket::wait_read,
+                            [self = self()](const asio::error_code& ec) { self->readable(ec); });
     }
 
-    void readFinished(const asio::error_code& ec, std::size_t count) {
+    void readable(asio::error_code ec) {
+        thread_local std::array<std::uint8_t, readChunk> scratch;
+        std::size_t count = 0;
+        if (!ec && !finished_) {
+            const ssize_t n =
+                ::recv(socket_->native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+            if (n > 0) {
+                count = static_cast<std::size_t>(n);
+            } else if (n == 0 && isStream) {
+                ec = asio::error::eof;
+            } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+                reading_ = false;
+                startRead(); // woken for nothing
+                return;
+            } else if (n < 0) {
+                ec = asio::error_code(errno, asio::error::get_system_category());
+            }
+        }
+        readFinished(ec, scratch.data(), count);
+    }
+
+    void readFinished(const asio::error_code& ec, const std::uint8_t* first, std::size_t count) {
         reading_ = false;
         if (finished_) {
             return;
         }
-        const auto first = readBuffer_->begin();
-        const auto last = first + static_cast<std::ptrdiff_t>(count);
+        const auto last = first + count;
         if constexpr (isStream) {
             if (ec == asio::error::eof) {
                 peerFinished_ = true;
@@ -581,8 +593,8 @@ private:
     StateUpdateHandler handler_;
     std::optional<Strand> strand_;
     bool cancelledEarly_ = false;
-    std::deque<PendingSend> sends_;
-    std::deque<PendingReceive> receives_;
+    std::list<PendingSend> sends_;
+    std::list<PendingReceive> receives_;
 
     // Strand only.
     std::optional<typename Protocol::resolver> resolver_;
@@ -591,10 +603,9 @@ private:
     std::size_t next_ = 0;
     std::optional<NWError> lastError_;
     std::optional<NWError> terminalError_;
-    std::shared_ptr<Bytes> readBuffer_;
     Bytes inbound_;
     std::size_t inboundOffset_ = 0;
-    std::deque<Bytes> datagrams_;
+    std::list<Bytes> datagrams_;
     bool ready_ = false;
     bool writing_ = false;
     bool reading_ = false;

@@ -572,6 +572,10 @@ void LinuxFlowHost::setTunnelNetworkSettings(
     completion(std::nullopt);
 }
 
+DispatchQueue* LinuxFlowHost::sharedQueue() {
+    return &impl_->io;
+}
+
 int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     auto& impl = *impl_;
     impl.provider = provider;

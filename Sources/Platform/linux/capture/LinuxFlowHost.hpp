@@ -27,7 +27,7 @@ public:
         std::uint32_t bypassMark = 0x00100000;
         std::uint32_t carryMark = 0x00200000;
         std::uint32_t refuseMark = 0x00300000;
-        int threads = 1;
+        int threads = 2;
         // The carried connections' listener on 127.0.0.1 and ::1; 0: a free port.
         std::uint16_t listenerPort = 0;
         // Also decide connections to this machine's own non-loopback
@@ -49,6 +49,8 @@ public:
     // Until SIGINT or SIGTERM; 0 after a clean stop, 2 when the capture
     // could not be set up.
     int run(std::shared_ptr<NETransparentProxyProvider> provider) override;
+
+    DispatchQueue* sharedQueue() override;
 
     void setTunnelNetworkSettings(std::optional<NETransparentProxyNetworkSettings> settings,
                                   SettingsCompletion completion) override;

@@ -1,5 +1,6 @@
 #include "Platform/linux/capture/LinuxTCPFlow.hpp"
 
+#include <array>
 #include <asio.hpp>
 #include <cerrno>
 #include <poll.h>
@@ -92,6 +93,42 @@ struct LinuxTCPFlow::State : std::enable_shared_from_this<LinuxTCPFlow::State> {
             socket.close(ignored);
         }
     }
+    // Waits for readability, then reads into the thread's scratch buffer and
+    // delivers only what arrived: an idle flow holds no read buffer.
+    void readWhenReadable(bool first, ReadCompletion completion) {
+        socket.async_wait(asio::ip::tcp::socket::wait_read,
+                          [self = shared_from_this(), first, completion = std::move(completion)](
+                              const std::error_code& error) mutable {
+                              self->readNow(error, first, std::move(completion));
+                          });
+    }
+    void readNow(const std::error_code& waitError, bool first, ReadCompletion completion) {
+        if (waitError) {
+            completion(std::nullopt, flowError(waitError));
+            return;
+        }
+        thread_local std::array<std::uint8_t, readChunk> scratch;
+        const ssize_t n =
+            ::recv(socket.native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+        if (n == 0) {
+            completion(Bytes{}, std::nullopt); // the application finished sending
+            return;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            readWhenReadable(first, std::move(completion));
+            return;
+        }
+        if (n < 0) {
+            completion(std::nullopt, flowError(std::error_code(errno, std::system_category())));
+            return;
+        }
+        Bytes bytes(scratch.data(), scratch.data() + n);
+        if (first) {
+            completeRecord(bytes);
+        }
+        completion(std::move(bytes), std::nullopt);
+    }
+
     // The rest of a TLS record whose head the first read brought, waiting a
     // few milliseconds at most; later reads deliver whatever is there.
     void completeRecord(Bytes& bytes) {
@@ -228,24 +265,7 @@ void LinuxTCPFlow::readData(ReadCompletion completion) {
             }
             first = std::exchange(state->firstRead, false);
         }
-        auto buffer = std::make_shared<Bytes>(readChunk);
-        state->socket.async_read_some(
-            asio::buffer(*buffer), [state, buffer, first, completion = std::move(completion)](
-                                       const std::error_code& error, std::size_t n) {
-                if (error == asio::error::eof) {
-                    completion(Bytes{}, std::nullopt); // the application finished sending
-                    return;
-                }
-                if (error) {
-                    completion(std::nullopt, flowError(error));
-                    return;
-                }
-                buffer->resize(n);
-                if (first) {
-                    state->completeRecord(*buffer);
-                }
-                completion(std::move(*buffer), std::nullopt);
-            });
+        state->readWhenReadable(first, std::move(completion));
     });
 }
 
