@@ -15,10 +15,12 @@
 #include "ExtensionCore/Provider/FlowRecorder.hpp"
 #include "ExtensionCore/Provider/FlowSteps.hpp"
 #include "ExtensionCore/Provider/TransparentProxyProvider.hpp"
+#include "Platform/FlowEndWatch.hpp"
 #include "Platform/Logger.hpp"
 
 #include <algorithm>
 #include <asio.hpp>
+#include <atomic>
 #include <cerrno>
 
 namespace veltrane::core {
@@ -95,22 +97,100 @@ struct Upstream {
     std::optional<FlowError> error;
 };
 
+// A proxy may stall its handshake for ever, and the clients arm no timer: while
+// the connection is being made, an application that gives up cancels it, and
+// the flow ends as the application ended it. A reset is giving up; a finished
+// sending side may be a half-close that still waits for the answer, so the
+// connection then gets a grace period before it is given up.
+class WatchForDeparture {
+public:
+    static constexpr auto halfCloseGrace = std::chrono::seconds(10);
+
+    WatchForDeparture(NEAppProxyTCPFlow& flow, std::shared_ptr<platform::NWConnection> connection,
+                      platform::DispatchQueue& queue)
+        : watch_(dynamic_cast<platform::FlowEndWatch*>(&flow)),
+          state_(std::make_shared<State>(queue, std::move(connection))) {
+        if (watch_) {
+            watch_->watchForEnd([state = state_](bool reset) { state->applicationEnded(reset); });
+        }
+    }
+    ~WatchForDeparture() {
+        if (watch_) {
+            watch_->stopWatching();
+        }
+        state_->settled = true;
+        asio::post(state_->grace.get_executor(), [state = state_] { state->grace.cancel(); });
+    }
+    WatchForDeparture(const WatchForDeparture&) = delete;
+    WatchForDeparture& operator=(const WatchForDeparture&) = delete;
+
+    // The outcome as the flow should record it.
+    void settle(Upstream& upstream) const {
+        if (state_->gone && upstream.error) {
+            upstream.error = platform::NEAppProxyError::notConnected();
+        }
+    }
+
+private:
+    struct State : std::enable_shared_from_this<State> {
+        State(platform::DispatchQueue& queue, std::shared_ptr<platform::NWConnection> connection)
+            : grace(asio::make_strand(queue)), connection(std::move(connection)) {}
+
+        void applicationEnded(bool reset) {
+            if (reset) {
+                giveUp();
+                return;
+            }
+            asio::post(grace.get_executor(), [self = shared_from_this()] {
+                self->grace.expires_after(halfCloseGrace);
+                self->grace.async_wait([self](const std::error_code& error) {
+                    if (!error) {
+                        self->giveUp();
+                    }
+                });
+            });
+        }
+        // Never once the connection is settled: by then it is the flow's.
+        void giveUp() {
+            if (settled) {
+                return;
+            }
+            gone = true;
+            connection->cancel();
+        }
+
+        asio::steady_timer grace;
+        std::shared_ptr<platform::NWConnection> connection;
+        std::atomic<bool> gone{false};
+        std::atomic<bool> settled{false};
+    };
+
+    platform::FlowEndWatch* watch_;
+    std::shared_ptr<State> state_;
+};
+
 Awaitable<Upstream> connectThroughProxy(const kit::ProxyServer& proxy, const std::string& target,
                                         bool sniffed, std::uint16_t port,
                                         platform::NWConnectionService& service,
-                                        platform::DispatchQueue& queue) {
+                                        platform::DispatchQueue& queue, NEAppProxyTCPFlow& flow) {
     Upstream result;
+    std::optional<WatchForDeparture> watch;
     try {
         if (proxy.proto == kit::ProxyProtocol::http) {
             HTTPConnectClient client(proxy, service, queue);
+            watch.emplace(flow, client.connection(), queue);
             result.connection = co_await client.connect(target, port);
         } else {
             SOCKS5Client client(proxy, service, queue);
+            watch.emplace(flow, client.connection(), queue);
             auto destination = socksDestination(target, sniffed, port);
             result.connection = co_await client.connect(std::move(destination));
         }
     } catch (...) {
         result.error = flowError(std::current_exception());
+    }
+    if (watch) {
+        watch->settle(result);
     }
     co_return result;
 }
@@ -118,13 +198,18 @@ Awaitable<Upstream> connectThroughProxy(const kit::ProxyServer& proxy, const std
 Awaitable<Upstream> connectPinned(const std::string& target, std::uint16_t port,
                                   const platform::NWInterface& interface,
                                   platform::NWConnectionService& service,
-                                  platform::DispatchQueue& queue) {
+                                  platform::DispatchQueue& queue, NEAppProxyTCPFlow& flow) {
     Upstream result;
+    std::optional<WatchForDeparture> watch;
     try {
         InterfaceBoundClient client(target, port, interface, service, queue);
+        watch.emplace(flow, client.connection(), queue);
         result.connection = co_await client.connect();
     } catch (...) {
         result.error = flowError(std::current_exception());
+    }
+    if (watch) {
+        watch->settle(result);
     }
     co_return result;
 }
@@ -165,7 +250,7 @@ Awaitable<void> carryTCPFlow(TCPFlowContext context, CarryPlan plan,
         platform::log::info("flow opened, upstream {}:{} for {}:{}{}", proxy.address, proxy.port,
                             target, context.port, sni);
         upstream = co_await connectThroughProxy(proxy, target, sniffed.has_value(), context.port,
-                                                *service, queue);
+                                                *service, queue, *first.flow);
         if (upstream.error) {
             failFlow(context, *first.flow, *upstream.error, failureLine);
             co_return;
@@ -186,7 +271,8 @@ Awaitable<void> carryTCPFlow(TCPFlowContext context, CarryPlan plan,
         }
         platform::log::info("flow opened, pinned to {} for {}:{}", plan.interfaceName, target,
                             context.port);
-        upstream = co_await connectPinned(target, context.port, *interface, *service, queue);
+        upstream =
+            co_await connectPinned(target, context.port, *interface, *service, queue, *first.flow);
         if (upstream.error) {
             failFlow(context, *first.flow, *upstream.error, failureLine);
             co_return;

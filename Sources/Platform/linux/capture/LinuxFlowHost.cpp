@@ -4,6 +4,7 @@
 #include "Platform/Logger.hpp"
 #include "Platform/NWHostEndpoint.hpp"
 #include "Platform/RuntimePaths.hpp"
+#include "Platform/SpliceRelay.hpp"
 #include "Platform/linux/UnixLineServer.hpp"
 #include "Platform/linux/capture/AppIdentifier.hpp"
 #include "Platform/linux/capture/CaptureTables.hpp"
@@ -15,8 +16,8 @@
 
 #include <arpa/inet.h>
 #include <asio.hpp>
-#include <csignal>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <future>
@@ -159,7 +160,10 @@ struct LinuxFlowHost::Impl {
     void decideDatagram(const QueuedPacket& packet);
     bool openTransparent(std::uint16_t& port, std::string& whyNot);
     void receiveDatagrams(asio::posix::stream_descriptor& socket);
-    NEFlowMetaData metaDataFor(const QueuedPacket& packet);
+    void relayDirect(asio::ip::tcp::socket accepted,
+                     const std::pair<std::string, std::uint16_t>& destination);
+    // `diag`: a sock_diag socket for this thread alone; -1 makes one.
+    NEFlowMetaData metaDataFor(const QueuedPacket& packet, int diag);
     void sweep();
     std::string handleMessage(std::string_view line);
 };
@@ -231,14 +235,81 @@ void LinuxFlowHost::Impl::pair(asio::ip::tcp::socket socket) {
             pending.erase(found);
         }
     }
+    if (!flow && original) {
+        // Its first packet never reached the queue (its connection tracking
+        // entry was reopened by a reused source port and kept the verdict of
+        // the earlier connection): it is decided now, as it arrives.
+        QueuedPacket late;
+        late.family = v6 ? AF_INET6 : AF_INET;
+        late.protocol = IPPROTO_TCP;
+        late.source = textOf(peer.address());
+        late.sourcePort = peer.port();
+        late.destination = original->first;
+        late.destinationPort = original->second;
+        auto candidate =
+            LinuxTCPFlow::make(io,
+                               NWHostEndpoint::endpointWithHostname(
+                                   late.destination, std::to_string(late.destinationPort)),
+                               metaDataFor(late, -1));
+        const auto answer = ask(candidate);
+        if (answer == Answer::carry) {
+            flow = std::move(candidate);
+        } else if (answer == Answer::direct) {
+            // Already redirected, it cannot simply proceed: it goes where it
+            // was going from a socket of our own.
+            relayDirect(std::move(socket), *original);
+            return;
+        }
+    }
     if (!flow) {
         // Nobody asked for this one (a connection to the listener itself, or
-        // one whose flow expired): refuse it plainly.
+        // one refused): refuse it plainly.
         ::linger off{1, 0};
         ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
         return;
     }
     flow->attach(socket.release());
+}
+
+void LinuxFlowHost::Impl::relayDirect(asio::ip::tcp::socket accepted,
+                                      const std::pair<std::string, std::uint16_t>& destination) {
+    auto app = std::make_shared<asio::ip::tcp::socket>(std::move(accepted));
+    auto upstream = std::make_shared<asio::ip::tcp::socket>(io);
+    auto resetApp = [app] {
+        ::linger off{1, 0};
+        ::setsockopt(app->native_handle(), SOL_SOCKET, SO_LINGER, &off, sizeof off);
+        std::error_code ignored;
+        app->close(ignored);
+    };
+    std::error_code error;
+    const asio::ip::tcp::endpoint to(asio::ip::make_address(destination.first, error),
+                                     destination.second);
+    if (!error) {
+        upstream->open(to.protocol(), error);
+    }
+    if (error) {
+        resetApp();
+        return;
+    }
+    const int mark = static_cast<int>(bypassSocketMark());
+    ::setsockopt(upstream->native_handle(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+    upstream->async_connect(to, [this, app, upstream, resetApp](const std::error_code& failed) {
+        if (failed) {
+            resetApp();
+            return;
+        }
+        // The sockets close when the relay lets go of its ending.
+        auto relay =
+            SpliceRelay::start(io, app->native_handle(), upstream->native_handle(),
+                               [app, upstream, resetApp](const SpliceRelay::Ending& ending) {
+                                   if (ending.appError || ending.upstreamError) {
+                                       resetApp();
+                                   }
+                               });
+        if (!relay) {
+            resetApp();
+        }
+    });
 }
 
 void LinuxFlowHost::Impl::waitForPackets() {
@@ -256,11 +327,11 @@ void LinuxFlowHost::Impl::waitForPackets() {
                            });
 }
 
-NEFlowMetaData LinuxFlowHost::Impl::metaDataFor(const QueuedPacket& packet) {
+NEFlowMetaData LinuxFlowHost::Impl::metaDataFor(const QueuedPacket& packet, int diag) {
     NEFlowMetaData metaData;
     const auto owner =
         lookupSocket(packet.family, packet.protocol, packet.source, packet.sourcePort,
-                     packet.destination, packet.destinationPort, diagSocket.get());
+                     packet.destination, packet.destinationPort, diag);
     if (!owner) {
         return metaData;
     }
@@ -303,7 +374,7 @@ void LinuxFlowHost::Impl::decide(const QueuedPacket& packet) {
     auto flow = LinuxTCPFlow::make(io,
                                    NWHostEndpoint::endpointWithHostname(
                                        packet.destination, std::to_string(packet.destinationPort)),
-                                   metaDataFor(packet));
+                                   metaDataFor(packet, diagSocket.get()));
     const auto key =
         pendingKey(packet.source, packet.sourcePort, packet.destination, packet.destinationPort);
     {
@@ -331,11 +402,12 @@ void LinuxFlowHost::Impl::decideDatagram(const QueuedPacket& packet) {
             return;
         }
     }
-    auto flow = LinuxUDPFlow::make(io, packet.source, packet.sourcePort, metaDataFor(packet),
-                                   options.bypassMark, [this, key] {
-                                       std::lock_guard guard(udpLock);
-                                       udpFlows.erase(key);
-                                   });
+    auto flow =
+        LinuxUDPFlow::make(io, packet.source, packet.sourcePort,
+                           metaDataFor(packet, diagSocket.get()), options.bypassMark, [this, key] {
+                               std::lock_guard guard(udpLock);
+                               udpFlows.erase(key);
+                           });
     {
         std::lock_guard guard(udpLock);
         udpFlows[key] = flow;

@@ -52,6 +52,30 @@ struct LinuxTCPFlow::State : std::enable_shared_from_this<LinuxTCPFlow::State> {
     bool writeClosed = false;
     bool reset = false;
     bool firstRead = true;
+    bool watching = false; // on the strand
+
+    // Looks at the socket without taking from it: its end (EOF or an error)
+    // is the application gone; bytes end the watch, as the application lives.
+    void watch(std::function<void(bool)> onEnd) {
+        socket.async_wait(asio::ip::tcp::socket::wait_read,
+                          [self = shared_from_this(),
+                           onEnd = std::move(onEnd)](const std::error_code& error) mutable {
+                              if (error || !self->watching) {
+                                  return;
+                              }
+                              char byte;
+                              const ssize_t n = ::recv(self->socket.native_handle(), &byte, 1,
+                                                       MSG_PEEK | MSG_DONTWAIT);
+                              if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+                                  self->watch(std::move(onEnd));
+                                  return;
+                              }
+                              self->watching = false;
+                              if (n <= 0) {
+                                  onEnd(n < 0);
+                              }
+                          });
+    }
 
     // On the strand.
     void resetSocket() {
@@ -266,6 +290,25 @@ void LinuxTCPFlow::readData(ReadCompletion completion) {
             first = std::exchange(state->firstRead, false);
         }
         state->readWhenReadable(first, std::move(completion));
+    });
+}
+
+void LinuxTCPFlow::watchForEnd(std::function<void(bool reset)> onEnd) {
+    asio::post(state_->strand, [state = state_, onEnd = std::move(onEnd)]() mutable {
+        if (!state->socket.is_open() || state->watching) {
+            return;
+        }
+        state->watching = true;
+        state->watch(std::move(onEnd));
+    });
+}
+
+void LinuxTCPFlow::stopWatching() {
+    asio::post(state_->strand, [state = state_] {
+        if (std::exchange(state->watching, false)) {
+            std::error_code ignored;
+            state->socket.cancel(ignored);
+        }
     });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/FlowEndWatch.hpp"
 #include "Platform/KernelStream.hpp"
 #include "Platform/NEAppProxyTCPFlow.hpp"
 #include "Platform/NWConnection.hpp"
@@ -16,7 +17,7 @@ namespace veltrane::platform::capture {
 // redirected connection reaches the host's listener, and the provider's open
 // completes only then. Closing a flow before that (a refusal) leaves no
 // socket to close: the host then resets the connection at the kernel.
-class LinuxTCPFlow final : public NEAppProxyTCPFlow, public KernelStream {
+class LinuxTCPFlow final : public NEAppProxyTCPFlow, public KernelStream, public FlowEndWatch {
 public:
     // How long the first read waits for the rest of a TLS record that its
     // first bytes announce: browsers' hellos outgrow one segment.
@@ -45,6 +46,10 @@ public:
 
     // --- KernelStream ---
     std::optional<Socket> kernelSocket() override;
+
+    // --- FlowEndWatch ---
+    void watchForEnd(std::function<void(bool reset)> onEnd) override;
+    void stopWatching() override;
 
     struct State;
 
