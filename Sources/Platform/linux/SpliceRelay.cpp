@@ -3,8 +3,12 @@
 #include <asio.hpp>
 #include <cerrno>
 #include <fcntl.h>
+#include <mutex>
+#include <optional>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 namespace veltrane::platform {
 
@@ -15,6 +19,57 @@ namespace {
 constexpr int pipeCapacity = 256 * 1024;
 // Rounds of one direction before the other gets its turn on the strand.
 constexpr int roundsPerTurn = 16;
+
+// Making and closing two pipes for every flow is six system calls on a path
+// where most connections are short: empty pipes are kept for the next flow.
+class PipePool {
+public:
+    struct Pipe {
+        int read = -1;
+        int write = -1;
+    };
+
+    std::optional<Pipe> take() {
+        {
+            std::lock_guard guard(lock_);
+            if (!free_.empty()) {
+                const Pipe pipe = free_.back();
+                free_.pop_back();
+                return pipe;
+            }
+        }
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+            return std::nullopt;
+        }
+        // A smaller pipe (the per-user limit reached) only moves less at a time.
+        ::fcntl(ends[1], F_SETPIPE_SZ, pipeCapacity);
+        return Pipe{ends[0], ends[1]};
+    }
+
+    // A pipe that still holds bytes is closed, never handed on.
+    void give(Pipe pipe, bool empty) {
+        if (empty) {
+            std::lock_guard guard(lock_);
+            if (free_.size() < kept) {
+                free_.push_back(pipe);
+                return;
+            }
+        }
+        ::close(pipe.read);
+        ::close(pipe.write);
+    }
+
+    static PipePool& shared() {
+        static PipePool pool;
+        return pool;
+    }
+
+private:
+    static constexpr std::size_t kept = 256;
+    std::mutex lock_;
+    std::vector<Pipe> free_;
+};
 
 class LinuxSpliceRelay final : public SpliceRelay,
                                public std::enable_shared_from_this<LinuxSpliceRelay> {
@@ -27,14 +82,12 @@ public:
 
     bool setUp(int appSocket, int upstreamSocket) {
         for (auto* direction : {&toUpstream_, &toApp_}) {
-            int ends[2];
-            if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+            auto pipe = PipePool::shared().take();
+            if (!pipe) {
                 return false;
             }
-            direction->pipeRead = ends[0];
-            direction->pipeWrite = ends[1];
-            // A smaller pipe (the per-user limit reached) only moves less at a time.
-            ::fcntl(ends[1], F_SETPIPE_SZ, pipeCapacity);
+            direction->pipeRead = pipe->read;
+            direction->pipeWrite = pipe->write;
         }
         const int app = ::fcntl(appSocket, F_DUPFD_CLOEXEC, 0);
         const int upstream = ::fcntl(upstreamSocket, F_DUPFD_CLOEXEC, 0);
@@ -58,10 +111,11 @@ public:
             ::close(upstream);
             return false;
         }
-        // Shared with the caller's descriptors, which are non-blocking already
-        // for their own asynchronous use.
+        // Shared with the caller's descriptors, which only ever read and
+        // write without waiting themselves.
         for (int fd : {app, upstream}) {
-            ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+            int on = 1;
+            ::ioctl(fd, FIONBIO, &on);
         }
         toUpstream_.from = &app_;
         toUpstream_.to = &upstream_;
@@ -193,11 +247,11 @@ private:
         app_.close(ignored);
         upstream_.close(ignored);
         for (auto* direction : {&toUpstream_, &toApp_}) {
-            for (int* fd : {&direction->pipeRead, &direction->pipeWrite}) {
-                if (*fd >= 0) {
-                    ::close(*fd);
-                    *fd = -1;
-                }
+            if (direction->pipeRead >= 0) {
+                PipePool::shared().give({direction->pipeRead, direction->pipeWrite},
+                                        direction->inPipe == 0);
+                direction->pipeRead = -1;
+                direction->pipeWrite = -1;
             }
         }
     }
