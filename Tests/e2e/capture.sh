@@ -11,24 +11,14 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 # shellcheck source=../../scripts/lib/netns-lab.sh
 . "$root/scripts/lib/netns-lab.sh"
-failures=0
+# shellcheck source=check.sh
+. "$root/Tests/e2e/check.sh"
 run_pid=
 cleanup() {
     [ -n "$run_pid" ] && kill -9 "$run_pid" 2>/dev/null
     lab_down
 }
 trap cleanup EXIT
-
-check() { # name, command...: passes when the command succeeds
-    local name=$1
-    shift
-    if "$@"; then
-        echo "ok   $name"
-    else
-        echo "FAIL $name"
-        failures=$((failures + 1))
-    fi
-}
 
 start_run() { # [profile]: starts `veltrane run` in the client namespace, waits for capture
     "$veltrane" run --netns "$lab_client" ${1:+--profile "$1"} 2>>"$lab_dir/run.log" &

@@ -17,24 +17,14 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 # shellcheck source=../../scripts/lib/netns-lab.sh
 . "$root/scripts/lib/netns-lab.sh"
-failures=0
+# shellcheck source=check.sh
+. "$root/Tests/e2e/check.sh"
 run_pid=
 cleanup() {
     [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null && wait "$run_pid" 2>/dev/null
     lab_down
 }
 trap cleanup EXIT
-
-check() { # name, command...: passes when the command succeeds
-    local name=$1
-    shift
-    if "$@"; then
-        echo "ok   $name"
-    else
-        echo "FAIL $name"
-        failures=$((failures + 1))
-    fi
-}
 
 client() { timeout 20 ip netns exec "$lab_client" python3 "$root/Tests/e2e/fault-client.py" "$@"; }
 

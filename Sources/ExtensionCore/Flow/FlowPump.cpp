@@ -38,7 +38,8 @@ void FlowPump::start() {
     std::optional<Bytes> initial = std::exchange(initialAppData_, std::nullopt);
     if (!kernelStream(flow_) || !kernelStream(upstream_)) {
         if (initial && !initial->empty()) {
-            sendUpstream(std::move(*initial));
+            sendUpstream(std::move(*initial),
+                         [self = shared_from_this()] { self->pumpAppToUpstream(); });
         } else {
             pumpAppToUpstream();
         }
@@ -50,19 +51,7 @@ void FlowPump::start() {
         return;
     }
     // The sockets are handed over only between operations.
-    const auto count = initial->size();
-    upstream_->send(std::move(*initial),
-                    [self = shared_from_this(), count](const std::optional<NWError>& error) {
-                        if (error) {
-                            self->finish(FlowError::from(*error));
-                            return;
-                        }
-                        {
-                            std::lock_guard guard(self->lock_);
-                            self->counters_.sent += count;
-                        }
-                        self->spliceOrCopy();
-                    });
+    sendUpstream(std::move(*initial), [self = shared_from_this()] { self->spliceOrCopy(); });
 }
 
 void FlowPump::spliceOrCopy() {
@@ -77,12 +66,14 @@ void FlowPump::spliceOrCopy() {
     }
     // Bytes either side had read ahead are not lost on the copying path.
     if (upstream && !upstream->unread.empty()) {
-        writeToApp(std::move(upstream->unread));
+        writeToApp(std::move(upstream->unread),
+                   [self = shared_from_this()] { self->pumpUpstreamToApp(); });
     } else {
         pumpUpstreamToApp();
     }
     if (app && !app->unread.empty()) {
-        sendUpstream(std::move(app->unread));
+        sendUpstream(std::move(app->unread),
+                     [self = shared_from_this()] { self->pumpAppToUpstream(); });
     } else {
         pumpAppToUpstream();
     }
@@ -90,42 +81,26 @@ void FlowPump::spliceOrCopy() {
 
 void FlowPump::relay(platform::KernelStream::Socket app, platform::KernelStream::Socket upstream) {
     // What was read ahead goes first, through the sides' own operations.
-    if (!app.unread.empty()) {
-        auto bytes = std::exchange(app.unread, {});
-        const auto count = bytes.size();
-        upstream_->send(std::move(bytes), [self = shared_from_this(), count, app,
-                                           upstream](const std::optional<NWError>& error) mutable {
-            if (error) {
-                self->finish(FlowError::from(*error));
-                return;
-            }
-            {
-                std::lock_guard guard(self->lock_);
-                self->counters_.sent += count;
-            }
-            self->relay(std::move(app), std::move(upstream));
-        });
-        return;
+    auto splice = [self = shared_from_this(), queue = upstream.queue, appFd = app.fd,
+                   upstreamFd = upstream.fd] { self->splice(*queue, appFd, upstreamFd); };
+    auto behind = [self = shared_from_this(), bytes = std::move(upstream.unread),
+                   splice]() mutable {
+        if (bytes.empty()) {
+            splice();
+        } else {
+            self->writeToApp(std::move(bytes), splice);
+        }
+    };
+    if (app.unread.empty()) {
+        behind();
+    } else {
+        sendUpstream(std::move(app.unread), std::move(behind));
     }
-    if (!upstream.unread.empty()) {
-        auto bytes = std::exchange(upstream.unread, {});
-        const auto count = bytes.size();
-        flow_->writeData(std::move(bytes), [self = shared_from_this(), count, app, upstream](
-                                               const std::optional<FlowError>& error) mutable {
-            if (error) {
-                self->finish(error);
-                return;
-            }
-            {
-                std::lock_guard guard(self->lock_);
-                self->counters_.received += count;
-            }
-            self->relay(std::move(app), std::move(upstream));
-        });
-        return;
-    }
+}
+
+void FlowPump::splice(platform::DispatchQueue& queue, int appFd, int upstreamFd) {
     auto started = platform::SpliceRelay::start(
-        *upstream.queue, app.fd, upstream.fd,
+        queue, appFd, upstreamFd,
         [self = shared_from_this()](const platform::SpliceRelay::Ending& ending) {
             {
                 std::lock_guard guard(self->lock_);
@@ -159,7 +134,7 @@ void FlowPump::pumpAppToUpstream() {
         if (error) {
             self->finish(error);
         } else if (data && !data->empty()) {
-            self->sendUpstream(std::move(*data));
+            self->sendUpstream(std::move(*data), [self] { self->pumpAppToUpstream(); });
         } else if (!self->isClosed()) {
             // The application has finished sending: pass the end on and keep
             // the other direction going. A failure here shows up on receive.
@@ -168,23 +143,23 @@ void FlowPump::pumpAppToUpstream() {
     });
 }
 
-void FlowPump::sendUpstream(Bytes bytes) {
+void FlowPump::sendUpstream(Bytes bytes, std::function<void()> then) {
     if (isClosed()) {
         return;
     }
     const auto count = bytes.size();
-    upstream_->send(std::move(bytes),
-                    [self = shared_from_this(), count](const std::optional<NWError>& error) {
-                        if (error) {
-                            self->finish(FlowError::from(*error));
-                            return;
-                        }
-                        {
-                            std::lock_guard guard(self->lock_);
-                            self->counters_.sent += count;
-                        }
-                        self->pumpAppToUpstream();
-                    });
+    upstream_->send(std::move(bytes), [self = shared_from_this(), count, then = std::move(then)](
+                                          const std::optional<NWError>& error) {
+        if (error) {
+            self->finish(FlowError::from(*error));
+            return;
+        }
+        {
+            std::lock_guard guard(self->lock_);
+            self->counters_.sent += count;
+        }
+        then();
+    });
 }
 
 void FlowPump::pumpUpstreamToApp() {
@@ -199,7 +174,8 @@ void FlowPump::pumpUpstreamToApp() {
                            } else if (data && !data->empty()) {
                                // The flag that came with bytes is left to the
                                // next receive, which reports the end again.
-                               self->writeToApp(std::move(*data));
+                               self->writeToApp(std::move(*data),
+                                                [self] { self->pumpUpstreamToApp(); });
                            } else if (isComplete) {
                                self->finish(std::nullopt);
                            } else {
@@ -208,23 +184,23 @@ void FlowPump::pumpUpstreamToApp() {
                        });
 }
 
-void FlowPump::writeToApp(Bytes bytes) {
+void FlowPump::writeToApp(Bytes bytes, std::function<void()> then) {
     if (isClosed()) {
         return;
     }
     const auto count = bytes.size();
-    flow_->writeData(std::move(bytes),
-                     [self = shared_from_this(), count](const std::optional<FlowError>& error) {
-                         if (error) {
-                             self->finish(error);
-                             return;
-                         }
-                         {
-                             std::lock_guard guard(self->lock_);
-                             self->counters_.received += count;
-                         }
-                         self->pumpUpstreamToApp();
-                     });
+    flow_->writeData(std::move(bytes), [self = shared_from_this(), count, then = std::move(then)](
+                                           const std::optional<FlowError>& error) {
+        if (error) {
+            self->finish(error);
+            return;
+        }
+        {
+            std::lock_guard guard(self->lock_);
+            self->counters_.received += count;
+        }
+        then();
+    });
 }
 
 void FlowPump::finish(const std::optional<FlowError>& error) {

@@ -55,12 +55,16 @@ public:
 
 private:
     void spliceOrCopy();
+    // What either side read ahead goes first, through its own operations;
+    // then the sockets are spliced.
     void relay(platform::KernelStream::Socket app, platform::KernelStream::Socket upstream);
+    void splice(platform::DispatchQueue& queue, int appFd, int upstreamFd);
     void copy();
     void pumpAppToUpstream();
-    void sendUpstream(platform::Bytes bytes);
+    // Each counts what the other side took, then goes on with `then`.
+    void sendUpstream(platform::Bytes bytes, std::function<void()> then);
     void pumpUpstreamToApp();
-    void writeToApp(platform::Bytes bytes);
+    void writeToApp(platform::Bytes bytes, std::function<void()> then);
     void finish(const std::optional<platform::FlowError>& error);
     bool isClosed() const;
 
