@@ -166,6 +166,11 @@ struct NetworkEnvironment {
     std::string name;
     Kind kind;
 
+    // The network the machine is on now, and the test of this environment
+    // against it: VeltraneKit/ProfileStore/Fingerprint.hpp.
+    struct Fingerprint;
+    bool matches(const Fingerprint& fingerprint) const;
+
     friend bool operator==(const NetworkEnvironment&, const NetworkEnvironment&) = default;
 };
 
