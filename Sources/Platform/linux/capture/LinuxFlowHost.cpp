@@ -602,6 +602,7 @@ void LinuxFlowHost::setTunnelNetworkSettings(
     config.queueNumber = impl.options.queueNumber;
     config.tcpListenerPort = impl.listener4->local_endpoint().port();
     config.localIncluded = impl.options.localIncluded;
+    config.exemptUsers = impl.options.exemptUsers;
     std::uint16_t udpPort = 0;
     if (impl.transparent.empty() && !impl.openTransparent(udpPort, whyNot)) {
         // TCP is captured all the same; QUIC then simply goes direct.
