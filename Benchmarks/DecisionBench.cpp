@@ -134,6 +134,7 @@ void BM_DecisionPass(benchmark::State& state) {
     const std::uint16_t serverPort = ntohs(server.sin_port);
 
     platform::capture::ProcessResolver resolver;
+    platform::capture::SigningIdentifiers identifiers;
     if (hook) {
         resolver.setCookieLookup([&hook](std::uint64_t cookie) { return hook->pidOf(cookie); });
     }
@@ -157,7 +158,7 @@ void BM_DecisionPass(benchmark::State& state) {
         if (auto owner = platform::capture::lookupSocket(
                 AF_INET, IPPROTO_TCP, "127.0.0.1", sourcePort, "127.0.0.1", serverPort, diag)) {
             if (auto pid = resolver.pidFor(*owner)) {
-                metaData.sourceAppSigningIdentifier = platform::capture::signingIdentifier(*pid);
+                metaData.sourceAppSigningIdentifier = identifiers.forProcess(*pid, owner->cgroupId);
                 metaData.sourceAppAuditToken = platform::makeAuditToken(*pid);
             }
         }

@@ -414,6 +414,14 @@ TEST_F(CaptureTablesTest, WhatIsNotANewConnectionOutwardsIsNeverQueued) {
     }
 }
 
+TEST_F(CaptureTablesTest, AnExemptUsersConnectionsAreNeverQueued) {
+    config.exemptUsers = {::geteuid()};
+    auto tables = install();
+    ASSERT_TRUE(tables);
+    expectDirect("192.0.2.2", server[0], std::nullopt);
+    expectDirect("2001:db8::2", server[1], std::nullopt);
+}
+
 TEST_F(CaptureTablesTest, WithNobodyOnTheQueueConnectionsGoDirect) {
     auto tables = install();
     ASSERT_TRUE(tables);

@@ -4,7 +4,9 @@
 #include "Support/NetNamespace.hpp"
 
 #include <arpa/inet.h>
+#include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -76,6 +78,38 @@ TEST(AppIdentifier, FlatpakInfo) {
     for (const auto& c : cases) {
         EXPECT_EQ(appIdFromFlatpakInfo(c.info), c.id) << c.info;
     }
+}
+
+// A remembered identifier must not outlive an exec in the same process.
+TEST(AppIdentifier, RememberedUntilExec) {
+    int go[2];
+    ASSERT_EQ(::pipe(go), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::dup2(go[0], 0);
+        ::execl("/bin/sh", "sh", "-c", "read line; exec sleep 30", nullptr);
+        ::_exit(127);
+    }
+    ::close(go[0]);
+    SigningIdentifiers identifiers;
+    const std::string shell = signingIdentifier(child);
+    auto named = [&](const std::string& id) {
+        for (int i = 0; i < 500; ++i) {
+            if (identifiers.forProcess(child, 1) == id) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    };
+    EXPECT_TRUE(named(shell));
+    EXPECT_EQ(identifiers.forProcess(child, 0), shell);
+    ASSERT_EQ(::write(go[1], "\n", 1), 1);
+    EXPECT_TRUE(named("sleep"));
+    ::close(go[1]);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
 }
 
 // A sock_diag reply as the kernel lays it out, the cgroup id behind the

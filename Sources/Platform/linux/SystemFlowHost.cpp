@@ -3,11 +3,12 @@
 #include "Platform/linux/SmallFile.hpp"
 #include "Platform/linux/capture/LinuxFlowHost.hpp"
 
+#include <algorithm>
+#include <pwd.h>
 #include <sched.h>
-#include <sys/mount.h>
-
 #include <stdexcept>
 #include <string>
+#include <sys/mount.h>
 #include <unistd.h>
 
 namespace veltrane::platform {
@@ -53,6 +54,29 @@ void mountCgroup2IfMissing() {
     ::mount("cgroup2", "/sys/fs/cgroup", "cgroup2", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
 }
 
+// A user by name, or a uid given as a number (a user need not exist to own
+// processes, in a container for one).
+std::optional<std::uint32_t> userID(const std::string& text) {
+    if (!text.empty() &&
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        try {
+            const unsigned long uid = std::stoul(text);
+            if (uid < 0xffffffffUL) {
+                return static_cast<std::uint32_t>(uid);
+            }
+        } catch (const std::exception&) {
+        }
+        return std::nullopt;
+    }
+    std::vector<char> buffer(16384);
+    passwd entry{};
+    passwd* found = nullptr;
+    if (::getpwnam_r(text.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found) {
+        return std::nullopt;
+    }
+    return found->pw_uid;
+}
+
 } // namespace
 
 std::shared_ptr<NEFlowHost> systemFlowHost(std::span<char* const> arguments) {
@@ -81,6 +105,14 @@ std::shared_ptr<NEFlowHost> systemFlowHost(std::span<char* const> arguments) {
                                             value);
             }
             options.listenerPort = static_cast<std::uint16_t>(port);
+        } else if (argument == "--exempt-user" && i + 1 < arguments.size()) {
+            const std::string value = arguments[++i];
+            auto uid = userID(value);
+            if (!uid) {
+                throw std::invalid_argument("--exempt-user takes a user name or a uid, not " +
+                                            value);
+            }
+            options.exemptUsers.push_back(*uid);
         } else {
             throw std::invalid_argument("unknown argument " + argument);
         }

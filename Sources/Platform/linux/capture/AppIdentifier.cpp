@@ -141,14 +141,17 @@ std::optional<std::string> desktopAppId(std::string_view unit) {
     return usable(std::move(id));
 }
 
-std::optional<std::string> executableName(pid_t pid) {
+std::optional<std::string> executableLink(pid_t pid) {
     std::array<char, 4096> buffer{};
     auto path = "/proc/" + std::to_string(pid) + "/exe";
     auto length = ::readlink(path.c_str(), buffer.data(), buffer.size());
     if (length < 1 || static_cast<std::size_t>(length) >= buffer.size()) {
         return std::nullopt;
     }
-    std::string executable(buffer.data(), static_cast<std::size_t>(length));
+    return std::string(buffer.data(), static_cast<std::size_t>(length));
+}
+
+std::optional<std::string> executableName(std::string executable) {
     // An upgrade replaces executables under running processes and the kernel
     // appends " (deleted)"; rules name "firefox" all the same. A file really
     // named so still exists and keeps its name.
@@ -158,6 +161,47 @@ std::optional<std::string> executableName(pid_t pid) {
         executable.resize(executable.size() - deleted.size());
     }
     return usable(executable.substr(executable.rfind('/') + 1));
+}
+
+// The identifier a sandbox or a unit gives, which every process of its
+// cgroup shares.
+std::optional<std::string> groupIdentifier(pid_t pid) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    if (auto info = readSmallFile(proc + "/root/.flatpak-info", O_NOFOLLOW)) {
+        if (auto id = appIdFromFlatpakInfo(*info)) {
+            return id;
+        }
+    }
+    auto membership = readSmallFile(proc + "/cgroup", 0);
+    if (!membership) {
+        return std::nullopt;
+    }
+    // Lines are "ID:CONTROLLERS:PATH". The unified hierarchy first; on
+    // hybrid machines systemd's own v1 hierarchy names the same units.
+    std::optional<std::string_view> unified;
+    std::optional<std::string_view> systemd;
+    for (auto line : split(*membership, '\n')) {
+        auto first = line.find(':');
+        auto second = line.find(':', first == std::string_view::npos ? first : first + 1);
+        if (second == std::string_view::npos) {
+            continue;
+        }
+        auto controllers = line.substr(first + 1, second - first - 1);
+        auto path = line.substr(second + 1);
+        if (line.starts_with("0::")) {
+            unified = path;
+        } else if (controllers == "name=systemd") {
+            systemd = path;
+        }
+    }
+    for (auto path : {unified, systemd}) {
+        if (path) {
+            if (auto id = appIdFromCgroupPath(*path)) {
+                return id;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -196,40 +240,60 @@ std::optional<std::string> appIdFromFlatpakInfo(std::string_view info) {
 }
 
 std::string signingIdentifier(pid_t pid) {
-    const std::string proc = "/proc/" + std::to_string(pid);
-    if (auto info = readSmallFile(proc + "/root/.flatpak-info", O_NOFOLLOW)) {
-        if (auto id = appIdFromFlatpakInfo(*info)) {
-            return *id;
+    if (auto id = groupIdentifier(pid)) {
+        return *id;
+    }
+    auto link = executableLink(pid);
+    return link ? executableName(*link).value_or("") : "";
+}
+
+SigningIdentifiers::SigningIdentifiers(std::size_t capacity) : capacity_(capacity) {}
+
+std::string SigningIdentifiers::forProcess(pid_t pid, std::uint64_t cgroupId) {
+    if (cgroupId == 0) {
+        return signingIdentifier(pid);
+    }
+    const Key key{pid, cgroupId};
+    std::optional<Known> known;
+    {
+        std::lock_guard guard(mutex_);
+        if (auto found = recent_.find(key); found != recent_.end()) {
+            known = found->second;
+        } else if (auto old = older_.find(key); old != older_.end()) {
+            known = old->second;
+            recent_.insert(older_.extract(old));
         }
     }
-    if (auto membership = readSmallFile(proc + "/cgroup", 0)) {
-        // Lines are "ID:CONTROLLERS:PATH". The unified hierarchy first; on
-        // hybrid machines systemd's own v1 hierarchy names the same units.
-        std::optional<std::string_view> unified;
-        std::optional<std::string_view> systemd;
-        for (auto line : split(*membership, '\n')) {
-            auto first = line.find(':');
-            auto second = line.find(':', first == std::string_view::npos ? first : first + 1);
-            if (second == std::string_view::npos) {
-                continue;
-            }
-            auto controllers = line.substr(first + 1, second - first - 1);
-            auto path = line.substr(second + 1);
-            if (line.starts_with("0::")) {
-                unified = path;
-            } else if (controllers == "name=systemd") {
-                systemd = path;
-            }
+    std::optional<std::string> link;
+    if (known) {
+        if (known->executableLink.empty()) {
+            return known->id;
         }
-        for (auto path : {unified, systemd}) {
-            if (path) {
-                if (auto id = appIdFromCgroupPath(*path)) {
-                    return *id;
-                }
-            }
+        link = executableLink(pid);
+        if (link == known->executableLink) {
+            return known->id;
         }
     }
-    return executableName(pid).value_or("");
+    Known fresh;
+    if (auto id = groupIdentifier(pid)) {
+        fresh.id = std::move(*id);
+    } else {
+        if (!link) {
+            link = executableLink(pid);
+        }
+        if (!link) {
+            return ""; // gone: nothing worth remembering
+        }
+        fresh.id = executableName(*link).value_or("");
+        fresh.executableLink = std::move(*link);
+    }
+    std::lock_guard guard(mutex_);
+    if (recent_.size() >= capacity_) {
+        older_ = std::move(recent_);
+        recent_.clear();
+    }
+    recent_.insert_or_assign(key, fresh);
+    return fresh.id;
 }
 
 } // namespace veltrane::platform::capture

@@ -161,6 +161,12 @@ public:
         keep(mask);
         return compare(NFT_CMP_NEQ, std::uint32_t{0});
     }
+    // The uid of the sending socket's owner; packets without a socket (a
+    // forwarded one) never match.
+    Rule& ownerIs(std::uint32_t uid) {
+        loadMeta(NFT_META_SKUID);
+        return compare(NFT_CMP_EQ, uid);
+    }
     Rule& family(std::uint8_t nfproto) {
         loadMeta(NFT_META_NFPROTO);
         return compare(NFT_CMP_EQ, nfproto);
@@ -449,6 +455,9 @@ void describeRuleset(Batch& batch, const TableConfig& config) {
                    .destinationIn<4>(16, {255, 0, 0, 0}, {127, 0, 0, 0})
                    .accept(),
                "loopback rule");
+    for (const auto uid : config.exemptUsers) {
+        batch.rule(Rule(table, "decide").ownerIs(uid).accept(), "exempt user rule");
+    }
     std::array<std::uint8_t, 16> all;
     all.fill(0xff);
     std::array<std::uint8_t, 16> loopback{};

@@ -55,6 +55,9 @@ struct TableConfig {
     // Connections to the machine's own non-loopback addresses are left alone
     // except inside these networks; loopback never is decided.
     std::vector<Network> localIncluded;
+    // Connections of these users' processes are never decided: a local
+    // proxy's own, which would otherwise cost a decision each for nothing.
+    std::vector<std::uint32_t> exemptUsers;
 
     friend bool operator==(const TableConfig&, const TableConfig&) = default;
 };

@@ -117,6 +117,7 @@ struct LinuxFlowHost::Impl {
     asio::signal_set signals;
     std::shared_ptr<NETransparentProxyProvider> provider;
     ProcessResolver resolver;
+    SigningIdentifiers identifiers;
     // Decisions are made one at a time, so they share one sock_diag socket.
     OwnedFd diagSocket{openSocketDiagnosis()};
 
@@ -336,7 +337,7 @@ NEFlowMetaData LinuxFlowHost::Impl::metaDataFor(const QueuedPacket& packet, int 
         return metaData;
     }
     if (const auto pid = resolver.pidFor(*owner)) {
-        metaData.sourceAppSigningIdentifier = signingIdentifier(*pid);
+        metaData.sourceAppSigningIdentifier = identifiers.forProcess(*pid, owner->cgroupId);
         metaData.sourceAppAuditToken = makeAuditToken(*pid);
     }
     return metaData;
@@ -601,6 +602,7 @@ void LinuxFlowHost::setTunnelNetworkSettings(
     config.queueNumber = impl.options.queueNumber;
     config.tcpListenerPort = impl.listener4->local_endpoint().port();
     config.localIncluded = impl.options.localIncluded;
+    config.exemptUsers = impl.options.exemptUsers;
     std::uint16_t udpPort = 0;
     if (impl.transparent.empty() && !impl.openTransparent(udpPort, whyNot)) {
         // TCP is captured all the same; QUIC then simply goes direct.

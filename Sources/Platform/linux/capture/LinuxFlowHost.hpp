@@ -34,6 +34,7 @@ public:
         // addresses inside these networks (a lab whose servers sit on
         // local addresses); the rest of them are left alone.
         std::vector<Network> localIncluded;
+        std::vector<std::uint32_t> exemptUsers; // uids whose connections are never decided
         // The provider configuration's profile, if any.
         std::optional<std::vector<std::uint8_t>> profile;
         // Where app messages (one profile document per line) arrive; empty:
