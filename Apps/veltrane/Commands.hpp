@@ -20,4 +20,28 @@ void addTestRouteCommand(CLI::App& app, CommandRunner& runner);
 // Registers "run" and "reload".
 void addRunCommands(CLI::App& app, CommandRunner& runner);
 
+// Registers "scan proxies" and "scan tunnels".
+void addScanCommand(CLI::App& app, CommandRunner& runner);
+
+// Registers "mcp list", "mcp install", "mcp uninstall" and "mcp serve".
+void addMcpCommand(CLI::App& app, CommandRunner& runner);
+
+// Registers "profile list|create|duplicate|delete|switch|export|import".
+void addProfileCommands(CLI::App& app, CommandRunner& runner);
+
+// Registers "rule list|add|update|remove|enable|disable".
+void addRuleCommands(CLI::App& app, CommandRunner& runner);
+
+// Registers "proxy list|add".
+void addProxyCommands(CLI::App& app, CommandRunner& runner);
+
+// Registers "route set".
+void addRouteCommands(CLI::App& app, CommandRunner& runner);
+
+// Registers "import" and "discover".
+void addImportCommands(CLI::App& app, CommandRunner& runner);
+
+// Registers "env" and "env bind".
+void addEnvCommands(CLI::App& app, CommandRunner& runner);
+
 } // namespace veltrane::app

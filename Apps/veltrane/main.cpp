@@ -11,6 +11,14 @@ int main(int argc, char** argv) {
     veltrane::app::addStatsCommand(app, runner);
     veltrane::app::addEventsCommand(app, runner);
     veltrane::app::addRunCommands(app, runner);
+    veltrane::app::addScanCommand(app, runner);
+    veltrane::app::addMcpCommand(app, runner);
+    veltrane::app::addProfileCommands(app, runner);
+    veltrane::app::addRuleCommands(app, runner);
+    veltrane::app::addProxyCommands(app, runner);
+    veltrane::app::addRouteCommands(app, runner);
+    veltrane::app::addImportCommands(app, runner);
+    veltrane::app::addEnvCommands(app, runner);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -50,4 +50,26 @@ printf 'not json' >"$tmp/garbage.json"
 expect "not json" 2 "garbage.json" \
     "$veltrane" test-route --profile "$tmp/garbage.json" --app a --host b --port 1
 
+# MCP registration in a scratch home where only Claude Code is present, and
+# the server answering without a running service.
+home=$tmp/home
+mkdir -p "$home/.claude"
+inhome() { env HOME="$home" XDG_CONFIG_HOME= XDG_RUNTIME_DIR="$tmp" "$veltrane" "$@"; }
+expect "mcp list" 0 '"detected":true,"displayName":"Claude Code","id":"claude-code","installed":false' \
+    inhome mcp list --json
+expect "mcp install" 0 "Claude Code: installed in $home/.claude.json" inhome mcp install
+grep -q '"args": \[' "$home/.claude.json" && grep -q '"command": "veltrane"' "$home/.claude.json" ||
+    { echo "FAIL mcp install wrote:"; cat "$home/.claude.json"; failures=$((failures + 1)); }
+expect "mcp list installed" 0 '"id":"claude-code","installed":true' inhome mcp list --json
+expect "mcp unknown client" 2 "unknown client" inhome mcp install --client nope
+expect "mcp uninstall" 0 "Claude Code: removed from" inhome mcp uninstall
+! grep -q '"veltrane"' "$home/.claude.json" ||
+    { echo "FAIL mcp uninstall left:"; cat "$home/.claude.json"; failures=$((failures + 1)); }
+expect "mcp serve" 0 '"protocolVersion":"2025-06-18"' sh -c \
+    "echo '{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"initialize\",\"params\":{\"protocolVersion\":\"2025-06-18\"}}' |
+     XDG_RUNTIME_DIR='$tmp' '$veltrane' mcp serve"
+expect "scan --add without service" 1 "not running" inhome scan proxies --add
+tunnels=$("$veltrane" scan tunnels --json)
+[[ $tunnels == \[*\] ]] || { echo "FAIL scan tunnels --json: $tunnels"; failures=$((failures + 1)); }
+
 [ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }

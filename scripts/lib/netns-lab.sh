@@ -12,6 +12,8 @@ lab_client=vt-lab-c$lab_id
 lab_server=vt-lab-s$lab_id
 lab_dir=$(mktemp -d /tmp/vt-lab-XXXXXX)
 lab_pids=()
+# The lab's runs keep their profile store to themselves, not the machine's.
+export VELTRANE_STORE_DIR=$lab_dir/store
 
 lab_in() { ip netns exec "$lab_client" "$@"; }
 lab_srv() { ip netns exec "$lab_server" "$@"; }

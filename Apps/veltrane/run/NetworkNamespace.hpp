@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+namespace veltrane::app {
+
+// Moves this process into the network namespace `name` (made by ip netns),
+// the way `ip netns exec` does: in a private mount namespace of its own,
+// with /sys mounted again so that it shows that namespace's interfaces. Call
+// it before any thread starts: threads keep the namespace of their creator.
+// False after one line on stderr.
+bool enterNetworkNamespace(const std::string& name);
+
+} // namespace veltrane::app

@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# `veltrane run` as the store's host, end to end in namespaces made and
+# removed here: changes made through the automation service reach the
+# running extension at once, a read-only service refuses them, and a profile
+# bound to a network is made active when the machine moves onto it.
+# Usage: automation.sh VELTRANE SOURCE_DIR
+set -u
+veltrane=$1
+root=$2
+if [ "$(id -u)" -ne 0 ]; then
+    echo "skipped: needs root for network namespaces"
+    exit 77
+fi
+# shellcheck source=../../scripts/lib/netns-lab.sh
+. "$root/scripts/lib/netns-lab.sh"
+# shellcheck source=check.sh
+. "$root/Tests/e2e/check.sh"
+# Sockets of this run's own, beside its own store.
+export XDG_RUNTIME_DIR=$lab_dir/run
+mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+run_pid=
+cleanup() {
+    [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null && wait "$run_pid" 2>/dev/null
+    [ "$failures" -eq 0 ] || cat "$lab_dir/run.log"
+    lab_down
+}
+trap cleanup EXIT
+
+# Until `pattern` shows in the run's log (5 s at most).
+logged() {
+    local i
+    for i in $(seq 100); do
+        grep -q "$1" "$lab_dir/run.log" && return 0
+        sleep 0.05
+    done
+    return 1
+}
+origin_saw() { tail -n 1 "$lab_dir/origin.log" | grep -q "^$1 "; }
+fetch() { lab_in curl -sS --max-time 5 http://origin.example/ >/dev/null 2>&1; }
+# Fills the neighbour table for a gateway, with a client no rule names.
+touch_gateway() { lab_in bash -c "exec 3<>/dev/tcp/$1/80" 2>/dev/null; }
+start_run() {
+    "$veltrane" run --netns "$lab_client" "$@" >>"$lab_dir/run.log" 2>&1 &
+    run_pid=$!
+    logged "automation service on" && logged "capture running"
+}
+stop_run() {
+    kill "$run_pid" 2>/dev/null
+    wait "$run_pid" 2>/dev/null
+    run_pid=
+}
+
+lab_up || exit 1
+lab_in ip route add default via 192.0.2.2
+touch_gateway 192.0.2.2
+# A second network to move to: another link with its own gateway.
+ip link add vtb"$lab_id" netns "$lab_client" type veth peer name vtd"$lab_id" netns "$lab_server"
+lab_srv ip addr add 198.51.100.2/24 dev vtd"$lab_id"
+lab_srv ip link set vtd"$lab_id" up
+lab_in ip link set vtb"$lab_id" up
+
+# Made before any run: with nobody serving, the verbs work on the store.
+# A new profile becomes the active one.
+"$veltrane" profile create Away >/dev/null
+"$veltrane" profile create Lab >/dev/null
+"$veltrane" proxy add --name S --address 192.0.2.2 --port 1080 --proto socks5 >/dev/null
+
+start_run || { cat "$lab_dir/run.log"; exit 1; }
+check "the store's active profile is in effect" logged 'profile "Lab" from the store'
+fetch
+check "before any rule, curl goes direct" origin_saw 192.0.2.1
+"$veltrane" route set curl proxy:S >/dev/null
+check "the route set reaches the extension" logged 'profile "Lab" changed; in effect now'
+fetch
+check "and curl goes through the proxy at once" origin_saw 192.0.2.2
+check "the service lists the rule" grep -q '"App: curl"' <("$veltrane" rule list --json)
+
+"$veltrane" profile switch Away >/dev/null
+check "a switch by hand says why" logged 'switched to profile "Away": chosen through the automation service'
+fetch
+check "and the switched-to profile routes at once" origin_saw 192.0.2.1
+
+# Lab is bound to the first network, Away is active: moving away and back
+# makes Lab active again; nothing is bound to the second network.
+"$veltrane" env bind Lab >/dev/null
+lab_in ip addr add 198.51.100.1/24 dev vtb"$lab_id"
+lab_in ip route replace default via 198.51.100.2
+touch_gateway 198.51.100.2
+lab_in ip addr add 198.51.100.9/32 dev vtb"$lab_id" # an address event: look again
+sleep 0.5
+check "a network bound to nothing leaves the profile alone" \
+    bash -c "! grep -q 'switched to profile \"Lab\": the network' '$lab_dir/run.log'"
+lab_in ip route replace default via 192.0.2.2
+lab_in ip addr del 198.51.100.9/32 dev vtb"$lab_id"
+check "back on the bound network, its profile is made active" \
+    logged 'switched to profile "Lab": the network {"gatewayMAC"'
+fetch
+check "and routes curl through the proxy again" origin_saw 192.0.2.2
+stop_run
+
+start_run --automation-read-only || { cat "$lab_dir/run.log"; exit 1; }
+"$veltrane" route set curl direct >"$lab_dir/ro.out" 2>&1
+check "a read-only service refuses a change" test $? -eq 1
+check "and says why" grep -q "read-only" "$lab_dir/ro.out"
+check "but answers reads" "$veltrane" profile list --json
+stop_run
+
+[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
