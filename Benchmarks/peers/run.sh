@@ -38,7 +38,9 @@ JSON
 chmod 644 "$profile"
 # The harness's servers sit on addresses of the namespace's own lo: the run
 # decides ours (10.77.1.N for listener port 12335+N) and no other row's.
-export EXTRA_TPEER="veltrane-$mode|$here/build/Apps/veltrane/veltrane run --profile $profile --listen-port {LPORT} --include-local 10.77.1.\$(({LPORT}-12335))|norule"
+# The upstream runs as uid 65533; as the harness asks, its own connections
+# are exempt (--exempt-user) rather than decided one by one.
+export EXTRA_TPEER="veltrane-$mode|$here/build/Apps/veltrane/veltrane run --profile $profile --listen-port {LPORT} --include-local 10.77.1.\$(({LPORT}-12335)) --exempt-user 65533|norule"
 export ONLY=${ONLY:-"^(direct-nat|redsocks|redsocks-splice|splicesocks|veltrane-$mode)\$"}
 cd "$here/../shared/bench"
 for setting in "$@"; do export "${setting?}"; done
