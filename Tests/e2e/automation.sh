@@ -75,6 +75,18 @@ fetch
 check "and curl goes through the proxy at once" origin_saw 192.0.2.2
 check "the service lists the rule" grep -q '"App: curl"' <("$veltrane" rule list --json)
 
+# A rule as a RuleDTO document: wget goes through the proxy too.
+echo '{"name":"Wget via S","enabled":true,"apps":["wget"],"hosts":[],"ports":[],"action":"proxy:S","locked":false}' |
+    "$veltrane" rule add --json-input - >/dev/null
+"$veltrane" test-route --app wget --host origin.example --port 80 >"$lab_dir/trace.out"
+check "the route test names the rule that matched" grep -q "命中「Wget via S」" "$lab_dir/trace.out"
+check "and the rules it skipped, with why" grep -q "跳过「Localhost」：" "$lab_dir/trace.out"
+lab_in wget -qO- --timeout=5 http://origin.example/ >/dev/null 2>&1
+check "the next wget follows the new rule" origin_saw 192.0.2.2
+"$veltrane" rule add --name Bad --app x --action teleport:now >"$lab_dir/bad.out" 2>&1
+check "an unknown action is refused" test $? -ne 0
+check "with the message on the action" grep -q "未知 action「teleport:now」" "$lab_dir/bad.out"
+
 "$veltrane" profile switch Away >/dev/null
 check "a switch by hand says why" logged 'switched to profile "Away": chosen through the automation service'
 fetch
@@ -96,13 +108,17 @@ check "back on the bound network, its profile is made active" \
     logged 'switched to profile "Lab": the network {"gatewayMAC"'
 fetch
 check "and routes curl through the proxy again" origin_saw 192.0.2.2
+"$veltrane" profile create Spare >/dev/null
+check "a profile created through the service becomes active" \
+    logged 'switched to profile "Spare": chosen through the automation service'
 stop_run
 
 start_run --automation-read-only || { cat "$lab_dir/run.log"; exit 1; }
 "$veltrane" route set curl direct >"$lab_dir/ro.out" 2>&1
 check "a read-only service refuses a change" test $? -eq 1
 check "and says why" grep -q "read-only" "$lab_dir/ro.out"
-check "but answers reads" "$veltrane" profile list --json
+"$veltrane" profile list --json >"$lab_dir/list.out"
+check "but answers reads" grep -q '"name":"Lab"' "$lab_dir/list.out"
 stop_run
 
 [ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
