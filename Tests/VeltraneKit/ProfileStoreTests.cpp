@@ -3,9 +3,11 @@
 #include "VeltraneKit/SharedPaths.hpp"
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
@@ -159,6 +161,22 @@ TEST(ProfileStore, OperationsErrorsAndFilesOnDisk) {
     EXPECT_EQ(entriesOf(profiles).size(), 4u);
     for (const auto& name : entriesOf(profiles)) {
         EXPECT_EQ(name.size(), 41u) << name;
+    }
+
+    // A write that fails midway (the file size limit: even root is held to
+    // it) leaves the old file whole and no temporary file behind.
+    {
+        const std::string before = slurp(store.profilePath(alpha.id));
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit saved{};
+        ::getrlimit(RLIMIT_FSIZE, &saved);
+        rlimit tiny = saved;
+        tiny.rlim_cur = 16;
+        ::setrlimit(RLIMIT_FSIZE, &tiny);
+        EXPECT_THROW(store.save(alpha.with({.name = std::string(200, 'x')})), FileError);
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        EXPECT_EQ(slurp(store.profilePath(alpha.id)), before);
+        EXPECT_EQ(entriesOf(profiles).size(), 4u);
     }
 
     // The active file: a line end is tolerated, other text is no id.
