@@ -21,7 +21,7 @@ mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
 run_pid=
 cleanup() {
     [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null && wait "$run_pid" 2>/dev/null
-    [ "$failures" -eq 0 ] || cat "$lab_dir/run.log"
+    [ "$failures" -eq 0 ] || cat "$lab_dir/earlier-runs.log" "$lab_dir/run.log" 2>/dev/null
     lab_down
 }
 trap cleanup EXIT
@@ -48,6 +48,9 @@ stop_run() {
     kill "$run_pid" 2>/dev/null
     wait "$run_pid" 2>/dev/null
     run_pid=
+    # The next run's lines are awaited on their own.
+    cat "$lab_dir/run.log" >>"$lab_dir/earlier-runs.log"
+    : >"$lab_dir/run.log"
 }
 
 lab_up || exit 1
@@ -113,7 +116,21 @@ check "a profile created through the service becomes active" \
     logged 'switched to profile "Spare": chosen through the automation service'
 stop_run
 
-start_run --automation-read-only || { cat "$lab_dir/run.log"; exit 1; }
+"$veltrane" run --netns "$lab_client" --listen-port 12399 --print-rules --json >"$lab_dir/printed.json"
+check "printing the rules installs nothing" bash -c "! ip netns exec '$lab_client' nft list tables | grep -q ."
+start_run --automation-read-only --listen-port 12399 || { cat "$lab_dir/run.log"; exit 1; }
+lab_in nft -j list ruleset >"$lab_dir/installed.json"
+# The same rules but for handles and the transparent UDP port, free at each start.
+check "the printed rules are the ones run installs" python3 - "$lab_dir/printed.json" "$lab_dir/installed.json" <<'PY'
+import json, re, sys
+def rules(doc):
+    text = json.dumps([e for e in doc["nftables"] if "metainfo" not in e], sort_keys=True)
+    text = re.sub(r'"handle": \d+', '"handle": 0', text)
+    return re.sub(r'"port": \d+', '"port": 0', text) if '"tproxy"' in text else text
+printed = json.load(open(sys.argv[1]))
+installed = {"nftables": json.load(open(sys.argv[2]))["nftables"]}
+sys.exit(0 if rules(printed) == rules(installed) and '"NFQUEUE"' in rules(printed) else 1)
+PY
 "$veltrane" route set curl direct >"$lab_dir/ro.out" 2>&1
 check "a read-only service refuses a change" test $? -eq 1
 check "and says why" grep -q "read-only" "$lab_dir/ro.out"

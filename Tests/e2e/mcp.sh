@@ -43,6 +43,8 @@ stop_run() {
     kill "$run_pid" 2>/dev/null
     wait "$run_pid" 2>/dev/null
     run_pid=
+    cat "$lab_dir/run.log" >>"$lab_dir/earlier-runs.log"
+    : >"$lab_dir/run.log"
 }
 drive() { # name, steps (JSON): the client's lines in $lab_dir/mcp-NAME.out
     node "$peer/drive.mjs" "$veltrane" "$2" >"$lab_dir/mcp-$1.out" 2>>"$lab_dir/mcp-$1.err"

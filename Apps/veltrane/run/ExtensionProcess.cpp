@@ -86,6 +86,20 @@ std::optional<bool> handToRunningExtension(const std::string& profile) {
     return std::nullopt;
 }
 
+std::vector<std::string> extensionCommand(const ExtensionProcess::Options& options) {
+    std::vector<std::string> words{extensionPath()};
+    if (options.listenPort != 0) {
+        words.insert(words.end(), {"--listen-port", std::to_string(options.listenPort)});
+    }
+    for (const auto& network : options.includeLocal) {
+        words.insert(words.end(), {"--include-local", network});
+    }
+    for (const auto& user : options.exemptUsers) {
+        words.insert(words.end(), {"--exempt-user", user});
+    }
+    return words;
+}
+
 ExtensionProcess::ExtensionProcess(Options options) : options_(std::move(options)) {}
 
 bool ExtensionProcess::start(const std::string& profile) {
@@ -106,17 +120,8 @@ pid_t ExtensionProcess::spawn(const std::string& profile) {
         std::cerr << "veltrane run: " << std::strerror(errno) << "\n";
         return -1;
     }
-    const std::string program = extensionPath();
-    std::vector<std::string> words{program};
-    if (options_.listenPort != 0) {
-        words.insert(words.end(), {"--listen-port", std::to_string(options_.listenPort)});
-    }
-    for (const auto& network : options_.includeLocal) {
-        words.insert(words.end(), {"--include-local", network});
-    }
-    for (const auto& user : options_.exemptUsers) {
-        words.insert(words.end(), {"--exempt-user", user});
-    }
+    auto words = extensionCommand(options_);
+    const std::string program = words.front();
     std::vector<char*> argv;
     for (auto& word : words) {
         argv.push_back(word.data());

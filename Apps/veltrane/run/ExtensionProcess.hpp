@@ -54,6 +54,10 @@ private:
     std::optional<int> finishedBy_;
 };
 
+// The extension's command line for these options: its path, then its
+// arguments.
+std::vector<std::string> extensionCommand(const ExtensionProcess::Options& options);
+
 // The profile at `path` as one line of JSON, or nothing after one line on
 // stderr naming `verb`.
 std::optional<std::string> readProfileFile(const std::string& path, const char* verb);

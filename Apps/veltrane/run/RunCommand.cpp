@@ -11,6 +11,7 @@
 #include "run/ExtensionProcess.hpp"
 #include "run/NetworkFollower.hpp"
 #include "run/NetworkNamespace.hpp"
+#include "run/PrintRules.hpp"
 
 #include <csignal>
 #include <iostream>
@@ -30,6 +31,8 @@ struct RunOptions {
     std::vector<std::string> includeLocal;
     std::vector<std::string> exemptUsers;
     bool automationReadOnly = false;
+    bool printRules = false;
+    bool json = false;
 };
 
 std::unique_ptr<kit::ProfileStore> openStore() {
@@ -74,10 +77,40 @@ std::string startingProfile(const RunOptions& options, kit::ProfileStore* store)
     return {};
 }
 
+// The profile run would start with, chosen the same way but changing nothing.
+std::string profileToShow(const RunOptions& options) {
+    if (!options.profile.empty()) {
+        return readProfileFile(options.profile, "run").value_or("");
+    }
+    auto store = openStore();
+    if (!store) {
+        return {};
+    }
+    try {
+        const auto fingerprint = kit::currentFingerprint();
+        if (auto bound = fingerprint ? store->profileMatching(*fingerprint) : std::nullopt) {
+            return kit::encodeProfile(*bound, false);
+        }
+        return kit::encodeProfile(store->activeProfile(), false);
+    } catch (const kit::Error&) {
+        return {};
+    }
+}
+
 int run(const RunOptions& options) {
     if (::geteuid() != 0) {
         std::cerr << "veltrane run: capturing traffic needs root (CAP_NET_ADMIN)\n";
         return exitBadInput;
+    }
+    ExtensionProcess::Options extensionOptions;
+    extensionOptions.listenPort = options.listenPort;
+    extensionOptions.includeLocal = options.includeLocal;
+    extensionOptions.exemptUsers = options.exemptUsers;
+    if (options.printRules) {
+        if (!options.netns.empty() && !enterNetworkNamespace(options.netns)) {
+            return exitBadInput;
+        }
+        return printRules(extensionOptions, profileToShow(options), options.json);
     }
     // Signals are taken by one thread of ours; every thread made from here
     // on inherits the mask, and the extension gets a clean one.
@@ -93,10 +126,6 @@ int run(const RunOptions& options) {
     }
 
     auto store = openStore();
-    ExtensionProcess::Options extensionOptions;
-    extensionOptions.listenPort = options.listenPort;
-    extensionOptions.includeLocal = options.includeLocal;
-    extensionOptions.exemptUsers = options.exemptUsers;
     ExtensionProcess extension(extensionOptions);
     const std::string profile = startingProfile(options, store.get());
     extension.start(profile);
@@ -233,6 +262,11 @@ void addRunCommands(CLI::App& app, CommandRunner& runner) {
                         "(repeatable): a local proxy server's own connections");
     runVerb->add_flag("--automation-read-only", options->automationReadOnly,
                       "Let automation clients (veltrane verbs, MCP) read but change nothing");
+    runVerb->add_flag("--print-rules", options->printRules,
+                      "Print the netfilter rules, policy routes and marks this run would "
+                      "install, and exit, changing nothing (they are shown from a network "
+                      "namespace made for the purpose)");
+    runVerb->add_flag("--json", options->json, "With --print-rules: as JSON (nft -j, ip -j)");
     runVerb->callback([&runner, options] { runner = [options] { return run(*options); }; });
 
     auto profile = std::make_shared<std::string>();
