@@ -44,4 +44,10 @@ void addImportCommands(CLI::App& app, CommandRunner& runner);
 // Registers "env" and "env bind".
 void addEnvCommands(CLI::App& app, CommandRunner& runner);
 
+// Registers "exec".
+void addExecCommand(CLI::App& app, CommandRunner& runner);
+
+// Registers "doctor".
+void addDoctorCommand(CLI::App& app, CommandRunner& runner);
+
 } // namespace veltrane::app

@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
     veltrane::app::addRouteCommands(app, runner);
     veltrane::app::addImportCommands(app, runner);
     veltrane::app::addEnvCommands(app, runner);
+    veltrane::app::addExecCommand(app, runner);
+    veltrane::app::addDoctorCommand(app, runner);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
