@@ -1,4 +1,4 @@
-#include "VeltraneKit/FakeIPAllocator.hpp"
+#include "VeltraneKit/FakeDNS/FakeIPAllocator.hpp"
 
 #include <benchmark/benchmark.h>
 #include <string>

@@ -1,4 +1,5 @@
-#include "VeltraneKit/FakeIPAllocator.hpp"
+#include "VeltraneKit/FakeDNS/FakeDNSState.hpp"
+#include "VeltraneKit/FakeDNS/FakeIPAllocator.hpp"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -176,6 +177,54 @@ TEST(FakeIPAllocatorTest, ReverseLookUpAnswersOnlyForHandedOutAddresses) {
     EXPECT_TRUE(FakeIPAllocator::isFakeIP(0xC613FFFFu));
     EXPECT_FALSE(FakeIPAllocator::isFakeIP(0xC6140000u));
     EXPECT_EQ(allocator.count(), 1u);
+}
+
+// The table a host keeps across a restart: written and read back, aged by
+// the time it lay on disk, and put into a new allocator that answers the same
+// and goes on where the old one stopped; broken or foreign pairs stay out.
+TEST(FakeIPAllocatorTest, TableSurvivesTheFileAndARestart) {
+    ManualClock clock;
+    FakeIPAllocator before(0x10000, 3600, clock.now());
+    const auto live = before.ip("Live.example");
+    const auto old = before.ip("old.example");
+    clock.advance(1000s);
+    before.ip("live.example");
+    FakeDNSState state{42, true, "192.0.2.53:53", 5000, before.table()};
+    std::string whyNot;
+    const auto read = FakeDNSState::decode(state.encode(), whyNot);
+    ASSERT_TRUE(read) << whyNot;
+    EXPECT_EQ(*read, state);
+
+    FakeIPAllocator after(0x10000, 3600, clock.now());
+    after.restore(read->tableAt(5000 + 2700)); // down for 45 minutes
+    EXPECT_EQ(after.host(live), "live.example");
+    EXPECT_EQ(after.ip("third.example"), "198.18.0.4");
+    // old.example had 2600 s left when saved: expired now, so its offset is
+    // the next one claimed once the cursor comes round.
+    auto table = after.table();
+    EXPECT_LT(table.mappings[1].secondsLeft, 0);
+    EXPECT_EQ(table.mappings[1].host, "old.example");
+    EXPECT_EQ(old, "198.18.0.3");
+
+    FakeIPAllocator::Table odd{{{"a.example", 2, 10},
+                                {"b.example", 2, 10},       // offset taken
+                                {"A.EXAMPLE", 3, 10},       // host taken
+                                {"c.example", 0x10001, 10}, // beyond the capacity
+                                {"d.example", 5, 10}},
+                               0x20000};
+    after.restore(odd);
+    EXPECT_EQ(after.count(), 2u);
+    EXPECT_TRUE(after.isConsistent());
+    EXPECT_EQ(after.ip("new.example"), "198.18.0.3"); // the cursor starts over; 2 is live
+
+    for (const char* bad : {"[]", R"({"pid":1})",
+                            R"({"pid":1,"answering":true,"resolver":"","savedAt":0,)"
+                            R"("nextAddress":"10.0.0.2","mappings":[]})",
+                            R"({"pid":1,"answering":true,"resolver":"","savedAt":0,)"
+                            R"("nextAddress":"198.18.0.2","mappings":[{"address":"10.0.0.1",)"
+                            R"("host":"x","secondsLeft":1}]})"}) {
+        EXPECT_FALSE(FakeDNSState::decode(bad, whyNot)) << bad;
+    }
 }
 
 TEST(FakeIPAllocatorTest, TwoThreadsMixingLookUpsKeepTheTablesExactInverses) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VeltraneKit/FakeIPAllocator.hpp"
+#include "VeltraneKit/FakeDNS/FakeIPAllocator.hpp"
 
 #include <cstddef>
 #include <cstdint>

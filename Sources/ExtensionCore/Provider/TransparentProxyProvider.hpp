@@ -10,7 +10,7 @@
 #include "Platform/NWConnection.hpp"
 #include "VeltraneKit/AppIdentity.hpp"
 #include "VeltraneKit/ConnectionEvent.hpp"
-#include "VeltraneKit/FakeIPAllocator.hpp"
+#include "VeltraneKit/FakeDNS/FakeIPAllocator.hpp"
 #include "VeltraneKit/Profile.hpp"
 #include "VeltraneKit/RuleEngine.hpp"
 

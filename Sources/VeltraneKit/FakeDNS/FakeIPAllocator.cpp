@@ -1,4 +1,4 @@
-#include "VeltraneKit/FakeIPAllocator.hpp"
+#include "VeltraneKit/FakeDNS/FakeIPAllocator.hpp"
 
 #include "VeltraneKit/IPv4.hpp"
 #include "VeltraneKit/UnicodeText.hpp"
@@ -75,6 +75,50 @@ std::optional<std::string> FakeIPAllocator::host(std::string_view ip) {
 std::size_t FakeIPAllocator::count() const {
     std::lock_guard guard(lock_);
     return hostToIP_.size();
+}
+
+FakeIPAllocator::Table FakeIPAllocator::table() const {
+    const auto now = now_();
+    Table table;
+    std::lock_guard guard(lock_);
+    table.nextOffset = nextOffset_;
+    table.mappings.reserve(ipToHost_.size());
+    for (const auto& [offset, slot] : ipToHost_) {
+        table.mappings.push_back(
+            {slot.host, offset, std::chrono::duration<double>(slot.expiry - now).count()});
+    }
+    std::sort(table.mappings.begin(), table.mappings.end(),
+              [](const Mapping& a, const Mapping& b) { return a.offset < b.offset; });
+    return table;
+}
+
+void FakeIPAllocator::restore(const Table& table) {
+    const auto now = now_();
+    std::lock_guard guard(lock_);
+    hostToIP_.clear();
+    ipToHost_.clear();
+    for (const auto& mapping : table.mappings) {
+        if (mapping.offset < kFirstOffset || mapping.offset > capacity_ ||
+            ipToHost_.count(mapping.offset) != 0) {
+            continue;
+        }
+        std::string key = UnicodeText::lowercased(mapping.host);
+        if (key.empty() || hostToIP_.count(key) != 0) {
+            continue;
+        }
+        // Clamped like a ttl; an expired entry comes back already expired.
+        const auto left = mapping.secondsLeft < 0 ? -toDuration(-mapping.secondsLeft)
+                                                  : toDuration(mapping.secondsLeft);
+        ipToHost_[mapping.offset] = Slot{key, now + left};
+        hostToIP_.emplace(std::move(key), mapping.offset);
+    }
+    nextOffset_ = table.nextOffset >= kFirstOffset && table.nextOffset <= capacity_
+                      ? table.nextOffset
+                      : kFirstOffset;
+}
+
+std::string FakeIPAllocator::addressOf(std::uint32_t offset) {
+    return IPv4::format(poolBase | (offset & kOffsetMask));
 }
 
 bool FakeIPAllocator::isConsistent() const {

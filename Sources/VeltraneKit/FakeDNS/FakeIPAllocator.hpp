@@ -9,13 +9,15 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace veltrane::kit {
 
 // Hands each host name a private IPv4 address from 198.18.0.0/15 and maps the
-// address back to the name when a flow arrives for it. Memory only; one
-// instance lives as long as the provider and survives every profile change.
-// Safe to call from any thread.
+// address back to the name when a flow arrives for it. One instance lives as
+// long as the provider and survives every profile change; its table can be
+// taken out and put back, so that a restarted host keeps the addresses that
+// applications still hold. Safe to call from any thread.
 class FakeIPAllocator {
 public:
     using Clock = std::chrono::steady_clock;
@@ -43,6 +45,26 @@ public:
     std::optional<std::string> host(std::string_view ip);
 
     std::size_t count() const;
+
+    // One pair of the table, with the time its entry has left (negative once
+    // expired: it still answers until its offset is claimed again).
+    struct Mapping {
+        std::string host;
+        std::uint32_t offset = 0;
+        double secondsLeft = 0;
+        friend bool operator==(const Mapping&, const Mapping&) = default;
+    };
+    struct Table {
+        std::vector<Mapping> mappings; // by offset
+        std::uint32_t nextOffset = 2;
+        friend bool operator==(const Table&, const Table&) = default;
+    };
+    Table table() const;
+    // Replaces the whole table. Pairs whose offset lies outside this
+    // allocator's range and the later of two pairs that share a host or an
+    // offset are left out, so that the two directions stay exact inverses.
+    void restore(const Table& table);
+    static std::string addressOf(std::uint32_t offset);
 
     std::uint32_t capacity() const { return capacity_; }
     double ttl() const { return ttl_; }
