@@ -20,6 +20,10 @@ public:
 
     // The application's own socket address, when the host knows it.
     virtual NWEndpointRef localEndpoint() const = 0;
+    // Where the flow's first datagram was going, when the host knows it. The
+    // host's network rules admitted the flow by that destination, so its
+    // port tells a DNS flow (53) from a QUIC one (443). Null by default.
+    virtual NWEndpointRef firstRemoteEndpoint() const { return nullptr; }
 
     virtual void readDatagrams(ReadDatagramsCompletion completion) = 0;
     // Each datagram reaches the application as sent by the endpoint at the

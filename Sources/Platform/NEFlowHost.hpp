@@ -22,11 +22,15 @@ public:
     // a flow's bytes and decisions then never change threads. Null when the
     // provider should keep a queue of its own.
     virtual DispatchQueue* sharedQueue() { return nullptr; }
+    // True when the host was told to deliver the machine's DNS flows (UDP to
+    // port 53) besides TCP and QUIC, if the provider's rules ask for them.
+    virtual bool capturesDNS() const { return false; }
 };
 
 // The flow host of this machine's kernel, or null where this build has none.
 // `arguments` are the host's own settings (how it captures, never how flows
-// are routed): "--listen-port N", "--include-local NETWORK" (repeatable). Throws
+// are routed): "--listen-port N", "--include-local NETWORK" (repeatable),
+// "--exempt-user USER" (repeatable), "--capture-dns". Throws
 // std::invalid_argument for anything else.
 std::shared_ptr<NEFlowHost> systemFlowHost(std::span<char* const> arguments = {});
 

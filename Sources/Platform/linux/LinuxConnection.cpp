@@ -73,8 +73,10 @@ class AsioConnection final : public NWConnection, public KernelStream {
 public:
     static constexpr bool isStream = std::is_same_v<Protocol, asio::ip::tcp>;
 
-    AsioConnection(std::string host, std::uint16_t port, NWParameters parameters)
-        : host_(std::move(host)), port_(port), parameters_(std::move(parameters)) {}
+    AsioConnection(std::string host, std::uint16_t port, NWParameters parameters,
+                   std::shared_ptr<const LinuxConnectionService::SecondOpinion> opinion)
+        : host_(std::move(host)), port_(port), parameters_(std::move(parameters)),
+          opinion_(std::move(opinion)) {}
 
     void setStateUpdateHandler(StateUpdateHandler handler) override {
         std::lock_guard lock(mutex_);
@@ -246,8 +248,38 @@ private:
             fail(resolutionError(ec));
             return;
         }
+        bool distrusted = false;
         for (const auto& entry : results) {
             endpoints_.push_back(entry.endpoint());
+            distrusted = distrusted ||
+                         (opinion_ && opinion_->distrusted(entry.endpoint().address().to_string()));
+        }
+        if (distrusted) {
+            opinion_->lookUp(host_, [self = self()](std::vector<std::string> addresses) {
+                asio::post(*self->strand_, [self, addresses = std::move(addresses)] {
+                    self->lookedUpAgain(addresses);
+                });
+            });
+            return;
+        }
+        if (endpoints_.empty()) {
+            fail(NWError::dns(EAI_NONAME));
+            return;
+        }
+        tryNextEndpoint();
+    }
+
+    void lookedUpAgain(const std::vector<std::string>& addresses) {
+        if (finished_) {
+            return;
+        }
+        endpoints_.clear();
+        for (const auto& text : addresses) {
+            asio::error_code ec;
+            const auto address = asio::ip::make_address(text, ec);
+            if (!ec) {
+                endpoints_.emplace_back(address, port_);
+            }
         }
         if (endpoints_.empty()) {
             fail(NWError::dns(EAI_NONAME));
@@ -584,6 +616,7 @@ private:
     const std::string host_;
     const std::uint16_t port_;
     const NWParameters parameters_;
+    const std::shared_ptr<const LinuxConnectionService::SecondOpinion> opinion_;
 
     std::atomic<NWConnectionState> state_{NWConnectionState::setup};
 
@@ -617,15 +650,25 @@ private:
 
 } // namespace
 
+void LinuxConnectionService::setSecondOpinion(SecondOpinion opinion) {
+    std::lock_guard guard(lock_);
+    secondOpinion_ = std::make_shared<const SecondOpinion>(std::move(opinion));
+}
+
 std::shared_ptr<NWConnection> LinuxConnectionService::makeConnection(std::string host,
                                                                      std::uint16_t port,
                                                                      NWParameters parameters) {
+    std::shared_ptr<const SecondOpinion> opinion;
+    {
+        std::lock_guard guard(lock_);
+        opinion = secondOpinion_;
+    }
     if (parameters.transport == NWParameters::Transport::udp) {
         return std::make_shared<AsioConnection<asio::ip::udp>>(std::move(host), port,
-                                                               std::move(parameters));
+                                                               std::move(parameters), opinion);
     }
     return std::make_shared<AsioConnection<asio::ip::tcp>>(std::move(host), port,
-                                                           std::move(parameters));
+                                                           std::move(parameters), opinion);
 }
 
 } // namespace veltrane::platform

@@ -2,6 +2,12 @@
 
 #include "Platform/NWConnection.hpp"
 
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
 namespace veltrane::platform {
 
 // Connections over the kernel's own sockets: TCP for streams, a connected UDP
@@ -32,8 +38,25 @@ namespace veltrane::platform {
 //   the peer's end of stream.
 class LinuxConnectionService final : public NWConnectionService {
 public:
+    // A name for which the system resolver gave an address that `distrusted`
+    // refuses (our own fake addresses, handed back by a local stub resolver
+    // whose upstream queries we answer) is looked up again with `lookUp`,
+    // and its addresses are used instead; none fails as a name that does
+    // not resolve. Set it before the first connection is made.
+    struct SecondOpinion {
+        std::function<bool(const std::string& address)> distrusted;
+        std::function<void(const std::string& host,
+                           std::function<void(std::vector<std::string> addresses)> done)>
+            lookUp;
+    };
+    void setSecondOpinion(SecondOpinion opinion);
+
     std::shared_ptr<NWConnection> makeConnection(std::string host, std::uint16_t port,
                                                  NWParameters parameters) override;
+
+private:
+    std::mutex lock_; // guards secondOpinion_
+    std::shared_ptr<const SecondOpinion> secondOpinion_;
 };
 
 } // namespace veltrane::platform

@@ -113,6 +113,8 @@ std::shared_ptr<NEFlowHost> systemFlowHost(std::span<char* const> arguments) {
                                             value);
             }
             options.exemptUsers.push_back(*uid);
+        } else if (argument == "--capture-dns") {
+            options.captureDNS = true;
         } else {
             throw std::invalid_argument("unknown argument " + argument);
         }

@@ -40,6 +40,9 @@ public:
     void appFinish() { appEnd(); }
 
     NWEndpointRef localEndpoint() const override { return localEndpoint_; }
+    // Set before the flow is delivered, as a host that names it would.
+    void setFirstRemoteEndpoint(NWEndpointRef endpoint) { firstRemote_ = std::move(endpoint); }
+    NWEndpointRef firstRemoteEndpoint() const override { return firstRemote_; }
     void readDatagrams(ReadDatagramsCompletion completion) override;
     void writeDatagrams(std::vector<Bytes> datagrams, std::vector<NWEndpointRef> sentBy,
                         WriteDatagramsCompletion completion) override;
@@ -48,6 +51,7 @@ public:
 
 private:
     const NWEndpointRef localEndpoint_;
+    NWEndpointRef firstRemote_;
 };
 
 } // namespace veltrane::platform

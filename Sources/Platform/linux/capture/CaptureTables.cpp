@@ -42,6 +42,7 @@ constexpr std::uint32_t reg = NFT_REG_1;
 // lo is interface 1 in every namespace.
 constexpr std::uint32_t loopbackIndex = 1;
 constexpr std::uint16_t quicPort = 443;
+constexpr std::uint16_t dnsPort = 53;
 
 std::string describe(int error) {
     return std::error_code(error, std::generic_category()).message();
@@ -492,6 +493,14 @@ void describeRuleset(Batch& batch, const TableConfig& config) {
                            .destinationPort(quicPort)
                            .queue(config.queueNumber),
                        queueRule);
+            if (config.captureDNS) {
+                batch.rule(base()
+                               .protocol(IPPROTO_UDP)
+                               .newConnection()
+                               .destinationPort(dnsPort)
+                               .queue(config.queueNumber),
+                           queueRule);
+            }
         }
     };
     for (const auto& network : config.localIncluded) {

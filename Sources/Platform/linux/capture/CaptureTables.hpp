@@ -47,6 +47,11 @@ struct TableConfig {
     // Where carried UDP/443 arrives through TPROXY (an IP_TRANSPARENT socket
     // on 127.0.0.1 and ::1). 0: UDP is neither queued nor carried.
     std::uint16_t udpTransparentPort = 0;
+    // Also queue new UDP flows to port 53 (and carry them like UDP/443):
+    // the queries of applications and of a local stub resolver's upstream
+    // side. Those to loopback (the stub itself) stay untouched. Only with a
+    // udpTransparentPort.
+    bool captureDNS = false;
     // Policy routing that loops carried UDP back through lo, so TPROXY sees it
     // in prerouting. Used only with a udpTransparentPort.
     std::uint32_t routeTable = 4242;
@@ -65,7 +70,8 @@ struct TableConfig {
 // One inet table that decides where new outbound flows go:
 //
 //   decide  (filter, output, -150)  new TCP connections (a lone SYN) and new
-//                                   UDP/443 flows go to the queue, unless the
+//                                   UDP/443 flows (and UDP/53 ones, when DNS
+//                                   is captured) go to the queue, unless the
 //                                   packet carries the bypass mark, the
 //                                   connection was decided before, or the
 //                                   destination is this machine;

@@ -2,6 +2,7 @@
 
 #include "Platform/BypassMark.hpp"
 #include "Platform/Logger.hpp"
+#include "Platform/NENetworkRule.hpp"
 #include "Platform/NWHostEndpoint.hpp"
 #include "Platform/RuntimePaths.hpp"
 #include "Platform/SpliceRelay.hpp"
@@ -14,6 +15,7 @@
 #include "Platform/linux/capture/LinuxUDPFlow.hpp"
 #include "Platform/linux/capture/SocketOwners.hpp"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <asio.hpp>
 #include <atomic>
@@ -44,6 +46,9 @@ constexpr auto hungDecision = std::chrono::seconds(5);
 // A UDP flow has no end of its own: one that has been silent this long is
 // ended, as a stateful firewall would forget it.
 constexpr auto udpIdleLifetime = std::chrono::seconds(120);
+// A resolver's socket asks once or twice and is done: its flow (and the
+// reply socket it holds) goes soon after, well past any forward's time-out.
+constexpr auto dnsIdleLifetime = std::chrono::seconds(15);
 
 std::pair<std::string, std::uint16_t> addressText(const sockaddr_storage& address) {
     char text[INET6_ADDRSTRLEN] = {};
@@ -394,6 +399,19 @@ void LinuxFlowHost::Impl::decide(const QueuedPacket& packet) {
 
 void LinuxFlowHost::Impl::decideDatagram(const QueuedPacket& packet) {
     const auto key = packet.source + "|" + std::to_string(packet.sourcePort);
+    auto metaData = metaDataFor(packet, diagSocket.get());
+    if (packet.destinationPort == 53) {
+        // Our own look-ups (a proxy's name, say) go out as they are: the
+        // system resolver's sockets cannot carry the bypass mark, and an
+        // answer of ours to ourselves would be a fake address.
+        const auto pid = metaData.sourceAppAuditToken
+                             ? auditTokenProcessID(*metaData.sourceAppAuditToken)
+                             : std::nullopt;
+        if (pid && *pid == ::getpid()) {
+            queue->accept(packet.id, std::nullopt);
+            return;
+        }
+    }
     {
         // The socket's flow exists already: a new peer of the same socket is
         // carried by it.
@@ -403,12 +421,13 @@ void LinuxFlowHost::Impl::decideDatagram(const QueuedPacket& packet) {
             return;
         }
     }
-    auto flow =
-        LinuxUDPFlow::make(io, packet.source, packet.sourcePort,
-                           metaDataFor(packet, diagSocket.get()), options.bypassMark, [this, key] {
-                               std::lock_guard guard(udpLock);
-                               udpFlows.erase(key);
-                           });
+    auto flow = LinuxUDPFlow::make(io, packet.source, packet.sourcePort,
+                                   NWHostEndpoint::endpointWithHostname(
+                                       packet.destination, std::to_string(packet.destinationPort)),
+                                   std::move(metaData), options.bypassMark, [this, key] {
+                                       std::lock_guard guard(udpLock);
+                                       udpFlows.erase(key);
+                                   });
     {
         std::lock_guard guard(udpLock);
         udpFlows[key] = flow;
@@ -555,7 +574,10 @@ void LinuxFlowHost::Impl::sweep() {
         {
             std::lock_guard guard(udpLock);
             for (const auto& [key, flow] : udpFlows) {
-                if (Clock::now() - flow->lastActivity() > udpIdleLifetime) {
+                const auto* first = hostEndpoint(flow->firstRemoteEndpoint());
+                const bool dns = first != nullptr && first->port() == "53";
+                if (Clock::now() - flow->lastActivity() >
+                    (dns ? dnsIdleLifetime : udpIdleLifetime)) {
                     idle.push_back(flow);
                 }
             }
@@ -610,6 +632,14 @@ void LinuxFlowHost::setTunnelNetworkSettings(
         whyNot.clear();
     }
     config.udpTransparentPort = udpPort;
+    // Only when the provider's rules ask for DNS as well as for QUIC.
+    config.captureDNS = impl.options.captureDNS && udpPort != 0 &&
+                        std::any_of(settings->includedNetworkRules.begin(),
+                                    settings->includedNetworkRules.end(), [](const auto& rule) {
+                                        return rule.protocol == NENetworkRule::Protocol::udp &&
+                                               rule.remoteNetwork &&
+                                               rule.remoteNetwork->port() == "53";
+                                    });
     config.marks.mask = impl.options.markMask;
     config.marks.bypass = impl.options.bypassMark;
     config.marks.carry = impl.options.carryMark;
@@ -648,6 +678,10 @@ void LinuxFlowHost::setTunnelNetworkSettings(
 
 DispatchQueue* LinuxFlowHost::sharedQueue() {
     return &impl_->io;
+}
+
+bool LinuxFlowHost::capturesDNS() const {
+    return impl_->options.captureDNS;
 }
 
 int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
@@ -690,10 +724,11 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     impl.sweeper = std::make_unique<asio::steady_timer>(impl.io);
     impl.sweep();
     impl.signals.async_wait([&impl](const std::error_code&, int) { impl.io.stop(); });
-    platform::log::info("capture running: table {}, queue {}, listener port {}, owners {}",
+    platform::log::info("capture running: table {}, queue {}, listener port {}, owners {}{}",
                         impl.options.tableName, impl.options.queueNumber,
                         impl.listener4->local_endpoint().port(),
-                        impl.connectOwners ? "by connect hook" : "through /proc");
+                        impl.connectOwners ? "by connect hook" : "through /proc",
+                        impl.tables && impl.tables->config().captureDNS ? ", DNS captured" : "");
 
     impl.watchdog = std::thread([&impl] { impl.watch(); });
     std::vector<std::thread> threads;

@@ -35,6 +35,9 @@ public:
         // local addresses); the rest of them are left alone.
         std::vector<Network> localIncluded;
         std::vector<std::uint32_t> exemptUsers; // uids whose connections are never decided
+        // Also hand the provider every new UDP flow to port 53 (beyond the
+        // loopback), as its network rules ask when it answers DNS itself.
+        bool captureDNS = false;
         // The provider configuration's profile, if any.
         std::optional<std::vector<std::uint8_t>> profile;
         // Where app messages (one profile document per line) arrive; empty:
@@ -52,6 +55,7 @@ public:
     int run(std::shared_ptr<NETransparentProxyProvider> provider) override;
 
     DispatchQueue* sharedQueue() override;
+    bool capturesDNS() const override;
 
     void setTunnelNetworkSettings(std::optional<NETransparentProxyNetworkSettings> settings,
                                   SettingsCompletion completion) override;

@@ -44,6 +44,7 @@ std::optional<sockaddr_storage> socketAddress(const std::string& host, std::uint
 struct LinuxUDPFlow::State {
     DispatchQueue& queue;
     NWEndpointRef localEndpoint;
+    NWEndpointRef firstRemote;
     NEFlowMetaData metaData;
     sockaddr_storage application{};
     socklen_t applicationLength = 0;
@@ -136,8 +137,8 @@ struct LinuxUDPFlow::State {
 
 std::shared_ptr<LinuxUDPFlow> LinuxUDPFlow::make(DispatchQueue& queue, std::string applicationHost,
                                                  std::uint16_t applicationPort,
-                                                 NEFlowMetaData metaData, std::uint32_t bypassMark,
-                                                 OnEnd onEnd) {
+                                                 NWEndpointRef firstRemote, NEFlowMetaData metaData,
+                                                 std::uint32_t bypassMark, OnEnd onEnd) {
     auto state = std::make_shared<State>(
         queue,
         NWHostEndpoint::endpointWithHostname(applicationHost, std::to_string(applicationPort)),
@@ -146,6 +147,7 @@ std::shared_ptr<LinuxUDPFlow> LinuxUDPFlow::make(DispatchQueue& queue, std::stri
         state->application = *address;
     }
     state->bypassMark = bypassMark;
+    state->firstRemote = std::move(firstRemote);
     state->onEnd = std::move(onEnd);
     return std::make_shared<LinuxUDPFlow>(std::move(state));
 }
@@ -160,6 +162,10 @@ NEFlowMetaData LinuxUDPFlow::metaData() const {
 
 NWEndpointRef LinuxUDPFlow::localEndpoint() const {
     return state_->localEndpoint;
+}
+
+NWEndpointRef LinuxUDPFlow::firstRemoteEndpoint() const {
+    return state_->firstRemote;
 }
 
 std::chrono::steady_clock::time_point LinuxUDPFlow::lastActivity() const {

@@ -19,11 +19,12 @@ public:
     // Runs once, when the flow has ended either way; the host forgets it.
     using OnEnd = std::function<void()>;
 
-    // `application` is the socket's own address and port.
+    // `application` is the socket's own address and port; `firstRemote` where
+    // its first datagram went.
     static std::shared_ptr<LinuxUDPFlow> make(DispatchQueue& queue, std::string applicationHost,
                                               std::uint16_t applicationPort,
-                                              NEFlowMetaData metaData, std::uint32_t bypassMark,
-                                              OnEnd onEnd);
+                                              NWEndpointRef firstRemote, NEFlowMetaData metaData,
+                                              std::uint32_t bypassMark, OnEnd onEnd);
     ~LinuxUDPFlow() override;
 
     // --- Host side ---
@@ -40,6 +41,7 @@ public:
     void closeRead(const std::optional<FlowError>& error) override;
     void closeWrite(const std::optional<FlowError>& error) override;
     NWEndpointRef localEndpoint() const override;
+    NWEndpointRef firstRemoteEndpoint() const override;
     void readDatagrams(ReadDatagramsCompletion completion) override;
     void writeDatagrams(std::vector<Bytes> datagrams, std::vector<NWEndpointRef> sentBy,
                         WriteDatagramsCompletion completion) override;
