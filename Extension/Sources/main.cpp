@@ -22,5 +22,6 @@ int main(int argc, char** argv) {
     }
     veltrane::core::TransparentProxyProvider::Options options;
     options.queue = host->sharedQueue();
+    options.fakeDNS = host->capturesDNS();
     return host->run(std::make_shared<veltrane::VeltraneProvider>(std::move(options)));
 }

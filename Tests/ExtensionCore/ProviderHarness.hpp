@@ -92,8 +92,10 @@ bool waitUntil(Done done, std::chrono::seconds limit = std::chrono::seconds(20))
 
 class ProviderHarness {
 public:
+    using Configure = std::function<void(core::TransparentProxyProvider::Options&)>;
     explicit ProviderHarness(const NetNamespace* inside = nullptr,
-                             core::TransparentProxyProvider::SteadyNow now = {})
+                             core::TransparentProxyProvider::SteadyNow now = {},
+                             const Configure& configure = {})
         : queue(3, inside) {
         core::TransparentProxyProvider::Options options;
         options.queue = &queue.context();
@@ -103,6 +105,9 @@ public:
         options.controlSocketPath = socketPath();
         options.firstPacketWait = std::chrono::milliseconds(150);
         options.dnsForwardTimeout = std::chrono::milliseconds(300);
+        if (configure) {
+            configure(options);
+        }
         provider = std::make_shared<core::TransparentProxyProvider>(std::move(options));
         host = platform::MemoryFlowHost::make(provider);
     }

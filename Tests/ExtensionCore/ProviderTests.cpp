@@ -14,6 +14,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace veltrane::core {
@@ -557,6 +558,88 @@ TEST(ProviderTest, ThousandsOfFlowsLeaveNothingBehind) {
         echo.reset();
     }
     EXPECT_LE(test::openDescriptors(), baseline);
+}
+
+// With the host capturing DNS: queries it delivers are answered, a direct
+// flow to a fake address reaches the name's real address (looked up with the
+// resolver the queries went to, dnsmasq here), QUIC to one is refused, with
+// answering off DNS is left alone, and a new provider takes the table over.
+TEST(ProviderTest, FakeDNSModeCarriesNamesAndKeepsItsTable) {
+    std::string whyNot;
+    auto resolver = test::startDnsmasq(whyNot, {"name.test=127.0.0.1"});
+    if (!resolver) {
+        GTEST_SKIP() << whyNot;
+    }
+    test::TCPEchoServer echo("banner\n"); // speaks first, like SSH: nothing to sniff
+    char pattern[] = "/tmp/vt-fakedns-XXXXXX";
+    const std::string directory = ::mkdtemp(pattern);
+    auto configure = [&](core::TransparentProxyProvider::Options& options) {
+        options.fakeDNS = true;
+        options.fakeDNSStatePath = directory + "/fake-dns.json";
+    };
+    const auto server =
+        NWHostEndpoint::endpointWithHostname("127.0.0.1", std::to_string(resolver->port()));
+    // What the host reports: the query's first destination, port 53.
+    const auto port53 = NWHostEndpoint::endpointWithHostname("127.0.0.1", "53");
+    auto answering = test::profile({}, {});
+    answering.dns.resolveViaProxy = true;
+    std::string fake;
+    {
+        ProviderHarness h(nullptr, {}, configure);
+        h.start(answering);
+        auto dns = h.udp("10.0.0.9", 40053);
+        dns->setFirstRemoteEndpoint(port53);
+        ASSERT_TRUE(h.host->deliver(dns));
+        dns->appSend(
+            {test::concat({test::hex("4242 0100 0001 0000 0000 0000"),
+                           {4, 'n', 'a', 'm', 'e', 4, 't', 'e', 's', 't', 0, 0, 1, 0, 1}})},
+            {server});
+        ASSERT_TRUE(dns->waitFor([](const auto& r) { return !r.written.empty(); }));
+        const auto answer = dns->record().written[0].datagrams[0];
+        fake = std::to_string(answer[answer.size() - 4]) + "." +
+               std::to_string(answer[answer.size() - 3]) + "." +
+               std::to_string(answer[answer.size() - 2]) + "." +
+               std::to_string(answer[answer.size() - 1]);
+        EXPECT_EQ(h.provider->fakeIP().host(fake), "name.test");
+        EXPECT_EQ(h.provider->directResolver(), "127.0.0.1:" + std::to_string(resolver->port()));
+
+        auto direct = h.tcp(fake, echo.port());
+        ASSERT_TRUE(h.host->deliver(direct));
+        ASSERT_TRUE(direct->waitFor([](const auto& r) { return !r.written.empty(); }));
+        EXPECT_EQ(test::text(direct->received()), "banner\n");
+        direct->appFinish();
+        ASSERT_TRUE(direct->waitClosed());
+        ASSERT_TRUE(h.waitEvents(2));
+        EXPECT_EQ(std::tuple(h.events()[0].host, h.events()[1].phase),
+                  std::tuple(std::string("name.test"), Phase::close));
+
+        auto quic = h.udp("10.0.0.9", 40443);
+        quic->setFirstRemoteEndpoint(NWHostEndpoint::endpointWithHostname(fake, "443"));
+        EXPECT_TRUE(h.host->deliver(quic));
+        EXPECT_EQ(h.events().back().phase, Phase::blocked);
+        EXPECT_EQ(quic->record().closeReads.front(), FlowError::posix(ECONNREFUSED));
+
+        auto silent = test::profile({}, {});
+        silent.dns.resolveViaProxy = false;
+        h.apply(silent);
+        ASSERT_TRUE(h.host->waitFor([](const auto& r) { return !r.appReplies.empty(); }));
+        auto untouched = h.udp("10.0.0.9", 40054);
+        untouched->setFirstRemoteEndpoint(port53);
+        EXPECT_FALSE(h.host->deliver(untouched));
+        EXPECT_EQ(h.events().size(), 3u);
+        h.host->stopProxy(0); // which writes the table out
+        ASSERT_TRUE(h.host->waitFor([](const auto& r) { return r.stopCompletions == 1; }));
+    }
+    struct stat file {};
+    ASSERT_EQ(::stat((directory + "/fake-dns.json").c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600u);
+    {
+        ProviderHarness h(nullptr, {}, configure);
+        h.start(answering);
+        EXPECT_EQ(h.provider->fakeIP().host(fake), "name.test");
+        EXPECT_EQ(h.provider->fakeIP().ip("other.test"), "198.18.0.3"); // the cursor came along
+    }
+    std::filesystem::remove_all(directory);
 }
 
 } // namespace

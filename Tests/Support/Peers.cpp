@@ -360,6 +360,31 @@ std::unique_ptr<PeerProcess> startMicrosocks(std::string& whyNot,
     return PeerProcess::start({"/usr/bin/microsocks", "microsocks", arguments}, whyNot);
 }
 
+std::unique_ptr<PeerProcess> startDnsmasq(std::string& whyNot,
+                                          const std::vector<std::string>& records) {
+    auto arguments = [records](const std::string&, std::uint16_t port) {
+        std::vector<std::string> words{"/usr/sbin/dnsmasq",
+                                       "--keep-in-foreground",
+                                       "--conf-file=/dev/null",
+                                       "--no-resolv",
+                                       "--no-hosts",
+                                       "--bind-interfaces",
+                                       "--listen-address=127.0.0.1",
+                                       "--pid-file=",
+                                       "--port=" + std::to_string(port)};
+        if (::geteuid() == 0) {
+            words.push_back("--user=root"); // no user switch to fail on
+        }
+        for (const auto& record : records) {
+            const auto equals = record.find('=');
+            words.push_back("--address=/" + record.substr(0, equals) + "/" +
+                            record.substr(equals + 1));
+        }
+        return words;
+    };
+    return PeerProcess::start({"/usr/sbin/dnsmasq", "dnsmasq", arguments}, whyNot);
+}
+
 std::unique_ptr<PeerProcess> startDante(std::string& whyNot) {
     if (::geteuid() != 0) {
         whyNot = "danted needs root to switch users";

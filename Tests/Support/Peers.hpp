@@ -75,6 +75,11 @@ std::unique_ptr<PeerProcess> startTinyproxy(std::string& whyNot,
 std::unique_ptr<PeerProcess> startSquid(std::string& whyNot,
                                         const std::optional<UserPass>& credentials = {});
 
+// dnsmasq as an authoritative-only resolver on 127.0.0.1 (UDP and TCP):
+// each record is "NAME=ADDRESS"; every other name is unknown.
+std::unique_ptr<PeerProcess> startDnsmasq(std::string& whyNot,
+                                          const std::vector<std::string>& records);
+
 // A port on 127.0.0.1 that was free a moment ago.
 std::uint16_t freeLoopbackPort(int type);
 

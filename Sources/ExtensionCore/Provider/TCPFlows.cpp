@@ -4,11 +4,13 @@
 // an address; the bytes read go upstream first.
 
 #include "ExtensionCore/AwaitCallback.hpp"
+#include "ExtensionCore/Clients/ConnectionSteps.hpp"
 #include "ExtensionCore/Clients/HTTPConnectClient.hpp"
 #include "ExtensionCore/Clients/InterfaceBoundClient.hpp"
 #include "ExtensionCore/Clients/InterfaceRegistry.hpp"
 #include "ExtensionCore/Clients/SOCKS5Client.hpp"
 #include "ExtensionCore/Clients/UDPRelay.hpp"
+#include "ExtensionCore/DNS/DirectResolver.hpp"
 #include "ExtensionCore/Errors/ErrorConversion.hpp"
 #include "ExtensionCore/Flow/FlowPump.hpp"
 #include "ExtensionCore/Flow/SNISniffer.hpp"
@@ -214,9 +216,45 @@ Awaitable<Upstream> connectPinned(const std::string& target, std::uint16_t port,
     co_return result;
 }
 
+// A name that applications know only by a fake address, reached directly:
+// looked up with the real resolver, then connected to from a bypass socket.
+Awaitable<Upstream> connectByName(const std::string& name, std::uint16_t port,
+                                  const std::string& resolver,
+                                  platform::NWConnectionService& service,
+                                  platform::DispatchQueue& queue,
+                                  std::chrono::milliseconds timeout) {
+    Upstream result;
+    auto addresses =
+        co_await awaitCallback<std::vector<std::string>>([&](DirectResolver::Completion done) {
+            DirectResolver::resolve(
+                name, resolver, service, queue, timeout,
+                [](const std::string& address) { return kit::FakeIPAllocator::isFakeIP(address); },
+                std::move(done));
+        });
+    if (addresses.empty()) {
+        result.error = FlowError::from(platform::NWError::dns(EAI_NONAME));
+        co_return result;
+    }
+    auto connection =
+        service.makeConnection(addresses.front(), port, platform::NWParameters::tcp());
+    auto started = co_await ConnectionSteps::start(connection, queue);
+    if (started.kind == ConnectionSteps::StartOutcome::Kind::ready) {
+        result.connection = std::move(connection);
+    } else {
+        connection->cancel();
+        result.error =
+            started.error ? FlowError::from(*started.error) : FlowError::posix(ECANCELED);
+    }
+    co_return result;
+}
+
 struct CarryPlan {
     std::optional<kit::ProxyServer> proxy;
     std::string interfaceName;
+    // Engaged: straight to the flow's host name, through this resolver
+    // (empty: none known, and the flow fails as a name that does not resolve).
+    std::optional<std::string> resolver;
+    std::chrono::milliseconds resolveTimeout{2000};
 };
 
 Awaitable<void> carryTCPFlow(TCPFlowContext context, CarryPlan plan,
@@ -229,6 +267,20 @@ Awaitable<void> carryTCPFlow(TCPFlowContext context, CarryPlan plan,
     auto opened = co_await openFlow(flow);
     if (opened) {
         failFlow(context, *flow, *opened, failureLine);
+        co_return;
+    }
+
+    if (plan.resolver) {
+        // Nothing to sniff: the name is known, and a protocol whose server
+        // speaks first must not wait for a first read.
+        auto upstream = co_await connectByName(context.host, context.port, *plan.resolver, *service,
+                                               queue, plan.resolveTimeout);
+        if (upstream.error) {
+            failFlow(context, *flow, *upstream.error, "direct connect");
+            co_return;
+        }
+        platform::log::info("flow opened, direct to {}:{} by name", context.host, context.port);
+        startPump(context, flow, std::move(upstream.connection), std::nullopt);
         co_return;
     }
 
@@ -300,18 +352,30 @@ void TransparentProxyProvider::handleInterfaceFlow(std::shared_ptr<NEAppProxyTCP
              std::move(app), std::move(verdict));
 }
 
+void TransparentProxyProvider::handleDirectByName(std::shared_ptr<NEAppProxyTCPFlow> flow,
+                                                  std::string host, std::uint16_t port,
+                                                  kit::AppIdentity app, kit::Verdict verdict) {
+    auto resolver = directResolver();
+    if (resolver.empty()) {
+        platform::log::error("no resolver known to reach {} by name", host);
+    }
+    carryTCP(std::move(flow), std::nullopt, {}, std::move(host), port, std::move(app),
+             std::move(verdict), std::move(resolver));
+}
+
 void TransparentProxyProvider::carryTCP(std::shared_ptr<NEAppProxyTCPFlow> flow,
                                         std::optional<kit::ProxyServer> proxy,
                                         std::string interfaceName, std::string host,
                                         std::uint16_t port, kit::AppIdentity app,
-                                        kit::Verdict verdict) {
+                                        kit::Verdict verdict, std::optional<std::string> resolver) {
     TCPFlowContext context{{weak_from_this(), std::move(host), port, FlowTransport::tcp,
                             std::move(app), std::move(verdict)},
                            std::move(flow)};
     context.record(Phase::open, 0, 0, 0, std::nullopt);
     // Every argument is a named value: g++ 12 has miscompiled temporaries
     // handed to a coroutine in the same expression.
-    CarryPlan plan{std::move(proxy), std::move(interfaceName)};
+    CarryPlan plan{std::move(proxy), std::move(interfaceName), std::move(resolver),
+                   dnsForwardTimeout_};
     auto task = carryTCPFlow(std::move(context), std::move(plan), connections_, queue(),
                              interfaces_, firstPacketWait_);
     asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);

@@ -65,7 +65,9 @@ TransparentProxyProvider::TransparentProxyProvider(Options options)
       firstPacketWait_(options.firstPacketWait), dnsForwardTimeout_(options.dnsForwardTimeout),
       dnsForwardsInFlight_(std::max<std::size_t>(options.dnsForwardsInFlight, 1)),
       xpcServer_(&collector_),
-      fakeIP_(std::make_shared<kit::FakeIPAllocator>(fakeIPCapacity, fakeIPTTL)) {
+      fakeIP_(std::make_shared<kit::FakeIPAllocator>(fakeIPCapacity, fakeIPTTL)),
+      fakeDNS_(options.fakeDNS), fakeDNSStatePath_(std::move(options.fakeDNSStatePath)),
+      fakeDNSSaveInterval_(options.fakeDNSSaveInterval) {
     if (options.queue != nullptr) {
         queue_ = options.queue;
     } else {
@@ -95,6 +97,10 @@ void TransparentProxyProvider::startProxy(std::optional<platform::ProviderDictio
     }
     if (!bytes) {
         bytes = providerConfigurationProfile();
+    }
+    if (fakeDNS_) {
+        loadFakeDNSState(); // before any flow can ask for a name
+        distrustFakeAnswers();
     }
     if (bytes) {
         applyProfile(*bytes);
@@ -128,6 +134,14 @@ void TransparentProxyProvider::startProxy(std::optional<platform::ProviderDictio
         NENetworkRule::withDestinationNetwork(NWHostEndpoint("::", "443"), 0,
                                               NENetworkRule::Protocol::udp),
     };
+    if (fakeDNS_) {
+        // Every query of the machine, not only a socket bound to port 53:
+        // the answers must reach applications behind any local resolver.
+        for (const char* any : {"0.0.0.0", "::"}) {
+            settings.includedNetworkRules.push_back(NENetworkRule::withDestinationNetwork(
+                NWHostEndpoint(any, "53"), 0, NENetworkRule::Protocol::udp));
+        }
+    }
     setTunnelNetworkSettings(std::move(settings), [completion = std::move(completion)](
                                                       const std::optional<FlowError>& error) {
         if (error) {
@@ -143,6 +157,9 @@ void TransparentProxyProvider::startProxy(std::optional<platform::ProviderDictio
 void TransparentProxyProvider::stopProxy(platform::NEProviderStopReason reason,
                                          StopCompletion completion) {
     platform::log::info("stopProxy reason={}", reason);
+    if (fakeDNS_) {
+        saveFakeDNSState();
+    }
     if (completion) {
         completion();
     }
@@ -184,6 +201,7 @@ void TransparentProxyProvider::applyProfile(std::span<const std::uint8_t> json) 
                                                      std::move(responder), std::move(loopGuard)});
     }
     platform::log::info("profile applied: {}, rules={}", name, rules);
+    scheduleFakeDNSSave(); // whether answers are given is part of what it keeps
 }
 
 TransparentProxyProvider::Snapshot TransparentProxyProvider::currentState() const {
@@ -223,6 +241,9 @@ bool TransparentProxyProvider::handleNewFlow(std::shared_ptr<platform::NEAppProx
     const bool isUDP = udp != nullptr;
     std::string host;
     std::uint16_t port = 0;
+    // Where a UDP flow's first datagram went, when the host tells.
+    std::string firstHost;
+    std::uint16_t firstPort = 0;
     if (tcp) {
         const auto remote = tcp->remoteEndpoint();
         if (const auto* endpoint = platform::hostEndpoint(remote)) {
@@ -232,6 +253,11 @@ bool TransparentProxyProvider::handleNewFlow(std::shared_ptr<platform::NEAppProx
     } else if (udp) {
         // A UDP flow names no destination; its port is the application's own.
         port = portOf(udp->localEndpoint());
+        const auto first = udp->firstRemoteEndpoint();
+        if (const auto* endpoint = platform::hostEndpoint(first)) {
+            firstHost = endpoint->hostname();
+            firstPort = portOf(first);
+        }
     }
 
     platform::log::info("flow: {} [bundle={} resp={}] -> {}:{} {}", app.bestDescription(),
@@ -245,17 +271,57 @@ bool TransparentProxyProvider::handleNewFlow(std::shared_ptr<platform::NEAppProx
         return false;
     }
 
+    bool named = false; // the host came from a fake address
     if (auto name = fakeIP_->host(host)) {
         host = std::move(*name);
+        named = true;
     }
 
-    if (port == 53 && state->profile.dns.resolveViaProxy && udp) {
-        handleDNSFlow(udp, state->dnsResponder, std::move(app));
-        return true;
+    // The host delivers UDP to port 53 only when it captures DNS for us.
+    const bool capturedDNS = udp && firstPort == 53;
+    if (udp && (port == 53 || capturedDNS)) {
+        if (state->profile.dns.resolveViaProxy) {
+            handleDNSFlow(udp, state->dnsResponder, std::move(app));
+            return true;
+        }
+        if (capturedDNS) {
+            return false; // answering is off: the machine's DNS goes on untouched
+        }
     }
 
     const auto transport = isUDP ? FlowTransport::udp : FlowTransport::tcp;
+
+    if (fakeDNS_ && udp) {
+        if (auto name = fakeIP_->host(firstHost)) {
+            // QUIC to a fake address can neither go out to it nor (the
+            // relay's replies would come from the real address) be carried
+            // to the name: unlike the plain decline of a direct verdict, it
+            // is refused, and the application falls back to TCP, which is
+            // carried by name.
+            const auto verdict = state->engine.match(app, *name, firstPort, transport);
+            if (std::holds_alternative<kit::Verdict::Block>(verdict.resolved)) {
+                flow->closeRead(std::nullopt);
+                flow->closeWrite(std::nullopt);
+                record(Phase::blocked, app, *name, port, transport, verdict, 0, 0, 0, std::nullopt);
+            } else {
+                refuse(*udp, app, *name, verdict);
+            }
+            return true;
+        }
+    }
+
     kit::Verdict verdict = state->engine.match(app, host, port, transport);
+
+    // Unlike the plain decline, a TCP flow to a fake address that would go
+    // direct is taken over: declined, it would go out to the fake address,
+    // which leads nowhere. It goes straight to the name instead.
+    const bool wouldGoDirect = std::holds_alternative<kit::Verdict::Direct>(verdict.resolved) ||
+                               (std::holds_alternative<kit::Verdict::Proxy>(verdict.resolved) &&
+                                std::get<kit::Verdict::Proxy>(verdict.resolved).servers.empty());
+    if (fakeDNS_ && named && tcp && wouldGoDirect) {
+        handleDirectByName(tcp, std::move(host), port, std::move(app), std::move(verdict));
+        return true;
+    }
 
     if (auto* proxy = std::get_if<kit::Verdict::Proxy>(&verdict.resolved)) {
         if (proxy->servers.empty()) {

@@ -14,6 +14,7 @@
 #include "VeltraneKit/Profile.hpp"
 #include "VeltraneKit/RuleEngine.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -63,6 +64,16 @@ public:
         // dropped and the application's resolver retries it.
         std::chrono::milliseconds dnsForwardTimeout{4000};
         std::size_t dnsForwardsInFlight = 64;
+
+        // The host also delivers the machine's DNS flows (UDP to port 53):
+        // with a profile whose dns.resolveViaProxy is on they are answered
+        // with fake addresses, flows to those addresses are never sent to
+        // the addresses themselves, and the table is kept in
+        // `fakeDNSStatePath` (empty: the runtime directory's) across restarts.
+        bool fakeDNS = false;
+        std::string fakeDNSStatePath;
+        // How often a changed table is written out.
+        std::chrono::milliseconds fakeDNSSaveInterval{500};
     };
 
     // Everything decided by one profile; replaced as a whole, never changed.
@@ -111,6 +122,18 @@ public:
                        kit::AppIdentity app, kit::Verdict verdict);
     void handleDNSFlow(std::shared_ptr<platform::NEAppProxyUDPFlow> flow, DNSResponder responder,
                        kit::AppIdentity app);
+    // A direct flow that the application opened to a fake address: carried
+    // straight to the name it stands for, resolved by directResolver().
+    void handleDirectByName(std::shared_ptr<platform::NEAppProxyTCPFlow> flow, std::string host,
+                            std::uint16_t port, kit::AppIdentity app, kit::Verdict verdict);
+
+    // The real resolver, "address:port": where the machine's last captured
+    // query was going, else the first non-loopback name server configured.
+    // Empty when there is none.
+    std::string directResolver() const;
+    // Writes the fake-address table out now (it is also written shortly
+    // after each change, and when the proxy stops).
+    void saveFakeDNSState();
 
     void recordDirectObservation(const kit::AppIdentity& app, const std::string& host,
                                  std::uint16_t port, kit::FlowTransport transport,
@@ -140,7 +163,14 @@ private:
     // Both TCP handlers: through `proxy`, or pinned to `interfaceName`.
     void carryTCP(std::shared_ptr<platform::NEAppProxyTCPFlow> flow,
                   std::optional<kit::ProxyServer> proxy, std::string interfaceName,
-                  std::string host, std::uint16_t port, kit::AppIdentity app, kit::Verdict verdict);
+                  std::string host, std::uint16_t port, kit::AppIdentity app, kit::Verdict verdict,
+                  std::optional<std::string> resolver = std::nullopt);
+    void loadFakeDNSState();
+    // Our own look-ups behind a local stub would get our own fake answers
+    // back: the connections ask the real resolver again for those.
+    void distrustFakeAnswers();
+    void scheduleFakeDNSSave();
+    void noteResolver(const platform::NWHostEndpoint& endpoint);
     void pumpDNS(std::shared_ptr<DNSFlow> dns);
     void forwardDNS(std::shared_ptr<DNSFlow> dns, platform::Bytes query,
                     std::shared_ptr<const platform::NWHostEndpoint> endpoint);
@@ -158,6 +188,14 @@ private:
 
     ExtensionXPCServer xpcServer_;
     const std::shared_ptr<kit::FakeIPAllocator> fakeIP_;
+
+    const bool fakeDNS_;
+    const std::string fakeDNSStatePath_;
+    const std::chrono::milliseconds fakeDNSSaveInterval_;
+    std::atomic<bool> fakeTableChanged_{false};
+    std::atomic<bool> fakeSaveScheduled_{false};
+    mutable std::mutex resolverLock_; // guards resolverInUse_
+    std::string resolverInUse_;
 
     mutable std::mutex stateLock_; // guards state_
     Snapshot state_;

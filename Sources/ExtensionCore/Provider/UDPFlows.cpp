@@ -140,9 +140,15 @@ void TransparentProxyProvider::pumpDNS(std::shared_ptr<DNSFlow> dns) {
                     std::shared_ptr<const platform::NWHostEndpoint>(endpoint, host));
             }
         }
+        if (owner->fakeDNS_ && count > 0) {
+            if (const auto* host = platform::hostEndpoint((*endpoints)[count - 1])) {
+                owner->noteResolver(*host);
+            }
+        }
         if (!answers.empty()) {
             dns->flow->writeDatagrams(std::move(answers), std::move(answeredBy),
                                       [](const std::optional<FlowError>&) {});
+            owner->scheduleFakeDNSSave();
         }
         for (auto& [query, endpoint] : forwards) {
             owner->forwardDNS(dns, std::move(query), std::move(endpoint));
