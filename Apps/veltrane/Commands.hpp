@@ -47,6 +47,9 @@ void addEnvCommands(CLI::App& app, CommandRunner& runner);
 // Registers "exec".
 void addExecCommand(CLI::App& app, CommandRunner& runner);
 
+// Registers "dns".
+void addDnsCommand(CLI::App& app, CommandRunner& runner);
+
 // Registers "doctor".
 void addDoctorCommand(CLI::App& app, CommandRunner& runner);
 

@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
     veltrane::app::addImportCommands(app, runner);
     veltrane::app::addEnvCommands(app, runner);
     veltrane::app::addExecCommand(app, runner);
+    veltrane::app::addDnsCommand(app, runner);
     veltrane::app::addDoctorCommand(app, runner);
     try {
         app.parse(argc, argv);

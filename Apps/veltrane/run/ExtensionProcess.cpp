@@ -97,6 +97,9 @@ std::vector<std::string> extensionCommand(const ExtensionProcess::Options& optio
     for (const auto& user : options.exemptUsers) {
         words.insert(words.end(), {"--exempt-user", user});
     }
+    if (options.fakeDNS) {
+        words.emplace_back("--capture-dns");
+    }
     return words;
 }
 

@@ -20,6 +20,7 @@ public:
         std::uint16_t listenPort = 0;
         std::vector<std::string> includeLocal;
         std::vector<std::string> exemptUsers;
+        bool fakeDNS = false; // also capture the machine's DNS (--capture-dns)
     };
 
     explicit ExtensionProcess(Options options);

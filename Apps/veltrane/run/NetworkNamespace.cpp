@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <iostream>
 #include <sched.h>
 #include <sys/mount.h>
@@ -31,6 +32,16 @@ bool enterNetworkNamespace(const std::string& name) {
         std::cerr << "veltrane run: cannot make a private mount namespace: " << std::strerror(errno)
                   << "\n";
         return false;
+    }
+    // As `ip netns exec` does: the namespace's own resolv.conf, hosts and
+    // the like (/etc/netns/NAME/FILE) stand in for the machine's.
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator("/etc/netns/" + name, none)) {
+        const auto target = "/etc/" + entry.path().filename().string();
+        if (::mount(entry.path().c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            std::cerr << "veltrane run: cannot bind " << entry.path().string() << " over " << target
+                      << ": " << std::strerror(errno) << "; the machine's is used\n";
+        }
     }
     ::umount2("/sys", MNT_DETACH);
     if (::mount(name.c_str(), "/sys", "sysfs", 0, nullptr) != 0) {

@@ -30,6 +30,7 @@ struct RunOptions {
     std::uint16_t listenPort = 0;
     std::vector<std::string> includeLocal;
     std::vector<std::string> exemptUsers;
+    bool fakeDNS = false;
     bool automationReadOnly = false;
     bool printRules = false;
     bool json = false;
@@ -106,6 +107,7 @@ int run(const RunOptions& options) {
     extensionOptions.listenPort = options.listenPort;
     extensionOptions.includeLocal = options.includeLocal;
     extensionOptions.exemptUsers = options.exemptUsers;
+    extensionOptions.fakeDNS = options.fakeDNS;
     if (options.printRules) {
         if (!options.netns.empty() && !enterNetworkNamespace(options.netns)) {
             return exitBadInput;
@@ -260,6 +262,11 @@ void addRunCommands(CLI::App& app, CommandRunner& runner) {
     runVerb->add_option("--exempt-user", options->exemptUsers,
                         "Never capture connections of this user's processes, by name or uid "
                         "(repeatable): a local proxy server's own connections");
+    runVerb->add_flag("--fake-dns", options->fakeDNS,
+                      "Also capture the machine's DNS queries (UDP port 53, a local stub "
+                      "resolver's included): with the profile's dns.resolveViaProxy on, A "
+                      "queries are answered with fake addresses that rules then match by name, "
+                      "for every protocol; see `veltrane dns`");
     runVerb->add_flag("--automation-read-only", options->automationReadOnly,
                       "Let automation clients (veltrane verbs, MCP) read but change nothing");
     runVerb->add_flag("--print-rules", options->printRules,
