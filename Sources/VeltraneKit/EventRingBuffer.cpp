@@ -12,13 +12,16 @@ EventRingBuffer::EventRingBuffer(std::int64_t capacity)
 }
 
 void EventRingBuffer::append(const ConnectionEvent& event) {
+    append(std::make_shared<const ConnectionEvent>(event));
+}
+
+void EventRingBuffer::append(std::shared_ptr<const ConnectionEvent> event) {
     std::lock_guard guard(lock_);
     if (static_cast<std::int64_t>(storage_.size()) < capacity_) {
-        storage_.push_back(event);
+        storage_.push_back(std::move(event));
         return;
     }
-    // Copy-assignment reuses the old event's string buffers where they fit.
-    storage_[static_cast<std::size_t>(head_)] = event;
+    storage_[static_cast<std::size_t>(head_)] = std::move(event);
     head_ = (head_ + 1) % capacity_;
 }
 
@@ -29,13 +32,18 @@ std::vector<ConnectionEvent> EventRingBuffer::snapshot(const std::optional<std::
     if (limit <= 0) {
         return {};
     }
-    std::vector<ConnectionEvent> chronological;
+    std::vector<std::shared_ptr<const ConnectionEvent>> shared;
     {
         std::lock_guard guard(lock_);
-        chronological.reserve(storage_.size());
+        shared.reserve(storage_.size());
         const auto split = storage_.begin() + static_cast<std::ptrdiff_t>(head_);
-        chronological.insert(chronological.end(), split, storage_.end());
-        chronological.insert(chronological.end(), storage_.begin(), split);
+        shared.insert(shared.end(), split, storage_.end());
+        shared.insert(shared.end(), storage_.begin(), split);
+    }
+    std::vector<ConnectionEvent> chronological;
+    chronological.reserve(shared.size());
+    for (const auto& event : shared) {
+        chronological.push_back(*event);
     }
     return filter(std::move(chronological), app, host, since, limit);
 }

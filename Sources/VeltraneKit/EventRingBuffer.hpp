@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -13,7 +14,7 @@ namespace veltrane::kit {
 
 // The most recent events, bounded. Room for all of them is reserved at
 // creation, so a full buffer overwrites in place. Safe from any thread; the
-// lock is held only for the copy, never while filtering.
+// lock is held only to copy the pointers, never while filtering.
 class EventRingBuffer {
 public:
     // A capacity below 1 is taken as 1.
@@ -23,6 +24,8 @@ public:
     EventRingBuffer& operator=(const EventRingBuffer&) = delete;
 
     void append(const ConnectionEvent& event);
+    // The event itself, shared with whoever else keeps it.
+    void append(std::shared_ptr<const ConnectionEvent> event);
 
     // Oldest first: the last `limit` events that pass the filters. `app`
     // matches the event's app or bundle id, `host` its host, both as
@@ -47,7 +50,8 @@ public:
 private:
     const std::int64_t capacity_;
     mutable std::mutex lock_;
-    std::vector<ConnectionEvent> storage_;
+    // Shared, not copied: the collector keeps the same events once more.
+    std::vector<std::shared_ptr<const ConnectionEvent>> storage_;
     std::int64_t head_ = 0;
 };
 

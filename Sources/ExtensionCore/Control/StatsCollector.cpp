@@ -22,14 +22,15 @@ StatsCollector::StatsCollector(Now now, std::int64_t bufferCapacity, std::int64_
 }
 
 void StatsCollector::record(const ConnectionEvent& event) {
+    auto shared = std::make_shared<const ConnectionEvent>(event); // before the lock
     std::lock_guard guard(lock_);
-    buffer_.append(event);
+    buffer_.append(shared);
 
     if (tokened_.size() < tokenedCapacity_) {
-        tokened_.push_back(Tokened{nextToken_, event});
+        tokened_.push_back(Tokened{nextToken_, std::move(shared)});
     } else {
         // The oldest entry gives way; exactly tokenedCapacity_ remain.
-        tokened_[tokenedHead_] = Tokened{nextToken_, event};
+        tokened_[tokenedHead_] = Tokened{nextToken_, std::move(shared)};
         tokenedHead_ = (tokenedHead_ + 1) % tokenedCapacity_;
     }
     ++nextToken_;
@@ -106,7 +107,7 @@ StatsCollector::EventsSince StatsCollector::events(std::uint64_t sinceToken) con
     result.events.reserve(static_cast<std::size_t>(size - skip));
     for (std::uint64_t i = skip; i < size; ++i) {
         const std::size_t index = static_cast<std::size_t>((tokenedHead_ + i) % size);
-        result.events.push_back(tokened_[index].event);
+        result.events.push_back(*tokened_[index].event);
     }
     return result;
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -62,7 +63,7 @@ public:
 private:
     struct Tokened {
         std::uint64_t token = 0;
-        kit::ConnectionEvent event;
+        std::shared_ptr<const kit::ConnectionEvent> event; // the ring's own
     };
 
     const Now now_;

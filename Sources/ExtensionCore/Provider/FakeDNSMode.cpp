@@ -55,6 +55,7 @@ void TransparentProxyProvider::loadFakeDNSState() {
 }
 
 void TransparentProxyProvider::saveFakeDNSState() {
+    std::lock_guard writing(fakeSaveLock_);
     kit::FakeDNSState state;
     state.pid = ::getpid();
     const auto snapshot = currentState();

@@ -34,4 +34,28 @@ void FlowRecorder::recordRefusedAfterOpen() const {
     }
 }
 
+FlowRecorder::Ending FlowRecorder::ending() const {
+    return Ending{provider,
+                  std::make_shared<const kit::ConnectionEvent>(
+                      kit::ConnectionEvent::make(kit::ConnectionEvent::Phase::open, app, host, port,
+                                                 transport, verdict, 0, 0, 0, std::nullopt)),
+                  started};
+}
+
+void FlowRecorder::Ending::recordEnd(std::uint64_t sent, std::uint64_t received,
+                                     const std::optional<platform::FlowError>& error) const {
+    auto owner = provider.lock();
+    if (!owner) {
+        return;
+    }
+    const double lifetime = std::chrono::duration<double>(Clock::now() - started).count();
+    if (!error || platform::isOrderlyEnd(*error)) {
+        owner->recordFrom(*fixed, kit::ConnectionEvent::Phase::close, sent, received, lifetime,
+                          std::nullopt);
+    } else {
+        owner->recordFrom(*fixed, kit::ConnectionEvent::Phase::failed, sent, received, lifetime,
+                          error);
+    }
+}
+
 } // namespace veltrane::core

@@ -42,6 +42,20 @@ struct FlowRecorder {
     // `blocked` for a flow refused after its `open` event, which counted it
     // as active: the refusal ends it there too.
     void recordRefusedAfterOpen() const;
+
+    // What a flow under way keeps for its ending: the fields its events share,
+    // filled once, in place of the identity and the verdict, whose rule and
+    // trace run to kilobytes with a long profile. One per idle flow counts.
+    struct Ending {
+        std::weak_ptr<TransparentProxyProvider> provider;
+        std::shared_ptr<const kit::ConnectionEvent> fixed;
+        Clock::time_point started;
+
+        // As FlowRecorder::recordEnd.
+        void recordEnd(std::uint64_t sent, std::uint64_t received,
+                       const std::optional<platform::FlowError>& error) const;
+    };
+    Ending ending() const;
 };
 
 } // namespace veltrane::core

@@ -61,8 +61,9 @@ void failFlow(const TCPFlowContext& context, NEAppProxyTCPFlow& flow, const Flow
 void startPump(const TCPFlowContext& context, std::shared_ptr<NEAppProxyTCPFlow> flow,
                std::shared_ptr<platform::NWConnection> upstream,
                std::optional<platform::Bytes> firstPacket) {
-    auto onClose = [context](FlowPump::Counters counters, const std::optional<FlowError>& error) {
-        context.recordEnd(counters.sent, counters.received, error);
+    auto onClose = [ending = context.ending()](FlowPump::Counters counters,
+                                               const std::optional<FlowError>& error) {
+        ending.recordEnd(counters.sent, counters.received, error);
     };
     auto pump = std::make_shared<FlowPump>(std::move(flow), std::move(upstream),
                                            std::move(firstPacket), std::move(onClose));

@@ -401,6 +401,28 @@ void TransparentProxyProvider::record(Phase phase, const kit::AppIdentity& app, 
                                             sent, received, lifetime, std::move(description)));
 }
 
+void TransparentProxyProvider::recordFrom(const kit::ConnectionEvent& fixed, Phase phase,
+                                          std::uint64_t sent, std::uint64_t received,
+                                          double lifetime, const std::optional<FlowError>& error) {
+    if (phase == Phase::failed) {
+        platform::log::info("flow FAILED: {} -> {}:{} {} err={}", fixed.app, fixed.host, fixed.port,
+                            kit::rawValue(fixed.transport),
+                            error ? error->localizedDescription() : std::string("-"));
+    }
+    auto event = fixed;
+    event.id = kit::UUID::random();
+    event.date = std::chrono::system_clock::now();
+    event.phase = phase;
+    event.bytesSent = sent;
+    event.bytesReceived = received;
+    event.lifetime = lifetime;
+    event.errorDescription.reset();
+    if (error) {
+        event.errorDescription = ErrorHumanizer::humanize(*error);
+    }
+    collector_.record(event);
+}
+
 void TransparentProxyProvider::leaveActive() {
     collector_.releaseActive();
 }

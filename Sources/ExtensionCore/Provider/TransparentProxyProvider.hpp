@@ -146,6 +146,12 @@ public:
                 std::uint64_t sent, std::uint64_t received, double lifetime,
                 const std::optional<platform::FlowError>& error);
 
+    // The same, for a flow that keeps its events' fixed fields in `fixed`
+    // (an event of its own): a fresh id and date, and these.
+    void recordFrom(const kit::ConnectionEvent& fixed, kit::ConnectionEvent::Phase phase,
+                    std::uint64_t sent, std::uint64_t received, double lifetime,
+                    const std::optional<platform::FlowError>& error);
+
     // Balances the active count for a flow that ended after its `open`
     // with an event that does not count as an ending.
     void leaveActive();
@@ -194,6 +200,7 @@ private:
     const std::chrono::milliseconds fakeDNSSaveInterval_;
     std::atomic<bool> fakeTableChanged_{false};
     std::atomic<bool> fakeSaveScheduled_{false};
+    std::mutex fakeSaveLock_;         // one writer of the file at a time
     mutable std::mutex resolverLock_; // guards resolverInUse_
     std::string resolverInUse_;
 

@@ -43,9 +43,9 @@ Awaitable<void> relayUDPFlow(UDPFlowContext context,
         }
         co_return;
     }
-    auto onClose = [context](std::uint64_t sent, std::uint64_t received,
-                             const std::optional<FlowError>& error) {
-        context.recordEnd(sent, received, error);
+    auto onClose = [ending = context.ending()](std::uint64_t sent, std::uint64_t received,
+                                               const std::optional<FlowError>& error) {
+        ending.recordEnd(sent, received, error);
     };
     // Always SOCKS5, whatever the proxy's protocol: an HTTP proxy fails the
     // handshake and the flow ends as failed.

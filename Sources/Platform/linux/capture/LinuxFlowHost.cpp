@@ -632,6 +632,9 @@ void LinuxFlowHost::setTunnelNetworkSettings(
         whyNot.clear();
     }
     config.udpTransparentPort = udpPort;
+    if (impl.options.captureDNS && udpPort == 0) {
+        platform::log::error("DNS cannot be captured without a transparent UDP socket");
+    }
     // Only when the provider's rules ask for DNS as well as for QUIC.
     config.captureDNS = impl.options.captureDNS && udpPort != 0 &&
                         std::any_of(settings->includedNetworkRules.begin(),
