@@ -49,6 +49,9 @@ expect "missing file" 2 "$tmp/none.json" \
 printf 'not json' >"$tmp/garbage.json"
 expect "not json" 2 "garbage.json" \
     "$veltrane" test-route --profile "$tmp/garbage.json" --app a --host b --port 1
+expect "dns table that does not read" 2 "garbage.json is no fake-address table" \
+    "$veltrane" dns --file "$tmp/garbage.json"
+expect "dns with nothing running" 0 "mode      off" env XDG_RUNTIME_DIR="$tmp" "$veltrane" dns
 
 # MCP registration in a scratch home where only Claude Code is present, and
 # the server answering without a running service.
