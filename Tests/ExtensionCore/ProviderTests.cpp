@@ -602,6 +602,8 @@ TEST(ProviderTest, FakeDNSModeCarriesNamesAndKeepsItsTable) {
                std::to_string(answer[answer.size() - 1]);
         EXPECT_EQ(h.provider->fakeIP().host(fake), "name.test");
         EXPECT_EQ(h.provider->directResolver(), "127.0.0.1:" + std::to_string(resolver->port()));
+        dns->appFinish(); // a flow left open would keep its pending read, and the host, alive
+        ASSERT_TRUE(dns->waitClosed());
 
         auto direct = h.tcp(fake, echo.port());
         ASSERT_TRUE(h.host->deliver(direct));
