@@ -198,7 +198,6 @@ private:
     const bool fakeDNS_;
     const std::string fakeDNSStatePath_;
     const std::chrono::milliseconds fakeDNSSaveInterval_;
-    std::atomic<bool> fakeTableChanged_{false};
     std::atomic<bool> fakeSaveScheduled_{false};
     std::mutex fakeSaveLock_;         // one writer of the file at a time
     mutable std::mutex resolverLock_; // guards resolverInUse_
