@@ -388,27 +388,14 @@ void TransparentProxyProvider::record(Phase phase, const kit::AppIdentity& app, 
                                       const kit::Verdict& verdict, std::uint64_t sent,
                                       std::uint64_t received, double lifetime,
                                       const std::optional<FlowError>& error) {
-    if (phase == Phase::failed) {
-        platform::log::info("flow FAILED: {} -> {}:{} {} err={}", app.bestDescription(), host, port,
-                            kit::rawValue(transport),
-                            error ? error->localizedDescription() : std::string("-"));
-    }
-    std::optional<std::string> description;
-    if (error) {
-        description = ErrorHumanizer::humanize(*error);
-    }
-    collector_.record(ConnectionEvent::make(phase, app, std::move(host), port, transport, verdict,
-                                            sent, received, lifetime, std::move(description)));
+    submit(ConnectionEvent::make(phase, app, std::move(host), port, transport, verdict, sent,
+                                 received, lifetime, std::nullopt),
+           error);
 }
 
 void TransparentProxyProvider::recordFrom(const kit::ConnectionEvent& fixed, Phase phase,
                                           std::uint64_t sent, std::uint64_t received,
                                           double lifetime, const std::optional<FlowError>& error) {
-    if (phase == Phase::failed) {
-        platform::log::info("flow FAILED: {} -> {}:{} {} err={}", fixed.app, fixed.host, fixed.port,
-                            kit::rawValue(fixed.transport),
-                            error ? error->localizedDescription() : std::string("-"));
-    }
     auto event = fixed;
     event.id = kit::UUID::random();
     event.date = std::chrono::system_clock::now();
@@ -417,6 +404,16 @@ void TransparentProxyProvider::recordFrom(const kit::ConnectionEvent& fixed, Pha
     event.bytesReceived = received;
     event.lifetime = lifetime;
     event.errorDescription.reset();
+    submit(std::move(event), error);
+}
+
+void TransparentProxyProvider::submit(kit::ConnectionEvent event,
+                                      const std::optional<FlowError>& error) {
+    if (event.phase == Phase::failed) {
+        platform::log::info("flow FAILED: {} -> {}:{} {} err={}", event.app, event.host, event.port,
+                            kit::rawValue(event.transport),
+                            error ? error->localizedDescription() : std::string("-"));
+    }
     if (error) {
         event.errorDescription = ErrorHumanizer::humanize(*error);
     }

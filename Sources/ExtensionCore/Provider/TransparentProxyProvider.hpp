@@ -171,6 +171,9 @@ private:
                   std::optional<kit::ProxyServer> proxy, std::string interfaceName,
                   std::string host, std::uint16_t port, kit::AppIdentity app, kit::Verdict verdict,
                   std::optional<std::string> resolver = std::nullopt);
+    // Both ways of making an event end here: the failure line, the
+    // humanized error, the collector.
+    void submit(kit::ConnectionEvent event, const std::optional<platform::FlowError>& error);
     void loadFakeDNSState();
     // Our own look-ups behind a local stub would get our own fake answers
     // back: the connections ask the real resolver again for those.
