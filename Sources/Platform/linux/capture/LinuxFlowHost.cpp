@@ -115,7 +115,9 @@ std::string pendingKey(const std::string& source, std::uint16_t sourcePort,
 } // namespace
 
 struct LinuxFlowHost::Impl {
-    explicit Impl(Options options) : options(std::move(options)), signals(io, SIGINT, SIGTERM) {}
+    explicit Impl(Options options)
+        : options(std::move(options)), io(std::max(this->options.threads, 1)),
+          signals(io, SIGINT, SIGTERM) {}
 
     Options options;
     asio::io_context io;

@@ -27,7 +27,10 @@ public:
         std::uint32_t bypassMark = 0x00100000;
         std::uint32_t carryMark = 0x00200000;
         std::uint32_t refuseMark = 0x00300000;
-        int threads = 2;
+        // Threads running the shared queue. One is the fastest: the relays'
+        // bytes move in the kernel, and a second thread only adds hand-overs
+        // between the two (a wake-up and a lock per step of every flow).
+        int threads = 1;
         // The carried connections' listener on 127.0.0.1 and ::1; 0: a free port.
         std::uint16_t listenerPort = 0;
         // Also decide connections to this machine's own non-loopback
