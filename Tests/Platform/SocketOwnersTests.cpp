@@ -107,6 +107,7 @@ TEST(AppIdentifier, RememberedUntilExec) {
     EXPECT_EQ(identifiers.forProcess(child, 0), shell);
     ASSERT_EQ(::write(go[1], "\n", 1), 1);
     EXPECT_TRUE(named("sleep"));
+    EXPECT_EQ(identifiers.forProcess(child, 0), "sleep");
     ::close(go[1]);
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);

@@ -250,9 +250,6 @@ std::string signingIdentifier(pid_t pid) {
 SigningIdentifiers::SigningIdentifiers(std::size_t capacity) : capacity_(capacity) {}
 
 std::string SigningIdentifiers::forProcess(pid_t pid, std::uint64_t cgroupId) {
-    if (cgroupId == 0) {
-        return signingIdentifier(pid);
-    }
     const Key key{pid, cgroupId};
     std::optional<Known> known;
     {
@@ -277,6 +274,18 @@ std::string SigningIdentifiers::forProcess(pid_t pid, std::uint64_t cgroupId) {
     Known fresh;
     if (auto id = groupIdentifier(pid)) {
         fresh.id = std::move(*id);
+        // Without a cgroup in the key, only the executable tells that the
+        // process is still the one that was read (reading its cgroup file
+        // again on every connection costs more than the whole decision).
+        if (cgroupId == 0) {
+            if (!link) {
+                link = executableLink(pid);
+            }
+            if (!link) {
+                return fresh.id;
+            }
+            fresh.executableLink = std::move(*link);
+        }
     } else {
         if (!link) {
             link = executableLink(pid);

@@ -27,7 +27,8 @@ class SigningIdentifiers {
 public:
     explicit SigningIdentifiers(std::size_t capacity = 4096);
 
-    // `cgroupId` 0 (the kernel did not say) is looked up afresh each time.
+    // `cgroupId` 0 (the kernel did not say): remembered while the process's
+    // executable stays the same.
     std::string forProcess(pid_t pid, std::uint64_t cgroupId);
 
 private:
@@ -44,7 +45,7 @@ private:
     };
     struct Known {
         std::string id;
-        std::string executableLink; // set when the executable gave `id`
+        std::string executableLink; // checked on use; empty: the cgroup pins `id`
     };
 
     const std::size_t capacity_;
