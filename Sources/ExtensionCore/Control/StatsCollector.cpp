@@ -22,7 +22,11 @@ StatsCollector::StatsCollector(Now now, std::int64_t bufferCapacity, std::int64_
 }
 
 void StatsCollector::record(const ConnectionEvent& event) {
-    auto shared = std::make_shared<const ConnectionEvent>(event); // before the lock
+    record(std::make_shared<const ConnectionEvent>(event)); // made before the lock
+}
+
+void StatsCollector::record(std::shared_ptr<const ConnectionEvent> shared) {
+    const ConnectionEvent& event = *shared;
     std::lock_guard guard(lock_);
     buffer_.append(shared);
 

@@ -43,6 +43,8 @@ public:
     StatsCollector& operator=(const StatsCollector&) = delete;
 
     void record(const kit::ConnectionEvent& event);
+    // The same event, shared with whoever else keeps it.
+    void record(std::shared_ptr<const kit::ConnectionEvent> event);
 
     // Lowers the active count alone, for a flow that was counted by its
     // `open` event and then refused with a `blocked` one, which ends nothing

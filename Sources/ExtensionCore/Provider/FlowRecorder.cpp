@@ -16,6 +16,13 @@ void FlowRecorder::record(kit::ConnectionEvent::Phase phase, std::uint64_t sent,
     }
 }
 
+void FlowRecorder::recordOpen() {
+    if (auto owner = provider.lock()) {
+        opened = owner->record(kit::ConnectionEvent::Phase::open, app, host, port, transport,
+                               verdict, 0, 0, 0, std::nullopt);
+    }
+}
+
 void FlowRecorder::recordEnd(std::uint64_t sent, std::uint64_t received,
                              const std::optional<platform::FlowError>& error) const {
     if (!error || platform::isOrderlyEnd(*error)) {
@@ -35,6 +42,9 @@ void FlowRecorder::recordRefusedAfterOpen() const {
 }
 
 FlowRecorder::Ending FlowRecorder::ending() const {
+    if (opened) {
+        return Ending{provider, opened, started};
+    }
     return Ending{provider,
                   std::make_shared<const kit::ConnectionEvent>(
                       kit::ConnectionEvent::make(kit::ConnectionEvent::Phase::open, app, host, port,

@@ -27,8 +27,13 @@ struct FlowRecorder {
     kit::AppIdentity app;
     kit::Verdict verdict;
     Clock::time_point started = Clock::now();
+    // The `open` event as recorded; the ending keeps it (the event buffer
+    // holds it too) instead of a copy of its own.
+    std::shared_ptr<const kit::ConnectionEvent> opened{};
 
     double secondsSinceStart() const;
+
+    void recordOpen();
 
     void record(kit::ConnectionEvent::Phase phase, std::uint64_t sent, std::uint64_t received,
                 double lifetime, const std::optional<platform::FlowError>& error) const;

@@ -372,7 +372,7 @@ void TransparentProxyProvider::carryTCP(std::shared_ptr<NEAppProxyTCPFlow> flow,
     TCPFlowContext context{{weak_from_this(), std::move(host), port, FlowTransport::tcp,
                             std::move(app), std::move(verdict)},
                            std::move(flow)};
-    context.record(Phase::open, 0, 0, 0, std::nullopt);
+    context.recordOpen();
     // Every argument is a named value: g++ 12 has miscompiled temporaries
     // handed to a coroutine in the same expression.
     CarryPlan plan{std::move(proxy), std::move(interfaceName), std::move(resolver),

@@ -383,14 +383,13 @@ void TransparentProxyProvider::refuse(platform::NEAppProxyFlow& flow, const kit:
 
 // --- Events ---
 
-void TransparentProxyProvider::record(Phase phase, const kit::AppIdentity& app, std::string host,
-                                      std::uint16_t port, FlowTransport transport,
-                                      const kit::Verdict& verdict, std::uint64_t sent,
-                                      std::uint64_t received, double lifetime,
-                                      const std::optional<FlowError>& error) {
-    submit(ConnectionEvent::make(phase, app, std::move(host), port, transport, verdict, sent,
-                                 received, lifetime, std::nullopt),
-           error);
+std::shared_ptr<const ConnectionEvent> TransparentProxyProvider::record(
+    Phase phase, const kit::AppIdentity& app, std::string host, std::uint16_t port,
+    FlowTransport transport, const kit::Verdict& verdict, std::uint64_t sent,
+    std::uint64_t received, double lifetime, const std::optional<FlowError>& error) {
+    return submit(ConnectionEvent::make(phase, app, std::move(host), port, transport, verdict, sent,
+                                        received, lifetime, std::nullopt),
+                  error);
 }
 
 void TransparentProxyProvider::recordFrom(const kit::ConnectionEvent& fixed, Phase phase,
@@ -407,8 +406,9 @@ void TransparentProxyProvider::recordFrom(const kit::ConnectionEvent& fixed, Pha
     submit(std::move(event), error);
 }
 
-void TransparentProxyProvider::submit(kit::ConnectionEvent event,
-                                      const std::optional<FlowError>& error) {
+std::shared_ptr<const ConnectionEvent>
+TransparentProxyProvider::submit(kit::ConnectionEvent event,
+                                 const std::optional<FlowError>& error) {
     if (event.phase == Phase::failed) {
         platform::log::info("flow FAILED: {} -> {}:{} {} err={}", event.app, event.host, event.port,
                             kit::rawValue(event.transport),
@@ -417,7 +417,9 @@ void TransparentProxyProvider::submit(kit::ConnectionEvent event,
     if (error) {
         event.errorDescription = ErrorHumanizer::humanize(*error);
     }
-    collector_.record(event);
+    auto shared = std::make_shared<const ConnectionEvent>(std::move(event));
+    collector_.record(shared);
+    return shared;
 }
 
 void TransparentProxyProvider::leaveActive() {

@@ -140,11 +140,12 @@ public:
                                  const kit::Verdict& verdict);
 
     // The one maker of events: fills the event from the identity, the verdict
-    // and the humanized error, and hands it to the collector.
-    void record(kit::ConnectionEvent::Phase phase, const kit::AppIdentity& app, std::string host,
-                std::uint16_t port, kit::FlowTransport transport, const kit::Verdict& verdict,
-                std::uint64_t sent, std::uint64_t received, double lifetime,
-                const std::optional<platform::FlowError>& error);
+    // and the humanized error, and hands it to the collector, which shares it.
+    std::shared_ptr<const kit::ConnectionEvent>
+    record(kit::ConnectionEvent::Phase phase, const kit::AppIdentity& app, std::string host,
+           std::uint16_t port, kit::FlowTransport transport, const kit::Verdict& verdict,
+           std::uint64_t sent, std::uint64_t received, double lifetime,
+           const std::optional<platform::FlowError>& error);
 
     // The same, for a flow that keeps its events' fixed fields in `fixed`
     // (an event of its own): a fresh id and date, and these.
@@ -173,7 +174,8 @@ private:
                   std::optional<std::string> resolver = std::nullopt);
     // Both ways of making an event end here: the failure line, the
     // humanized error, the collector.
-    void submit(kit::ConnectionEvent event, const std::optional<platform::FlowError>& error);
+    std::shared_ptr<const kit::ConnectionEvent>
+    submit(kit::ConnectionEvent event, const std::optional<platform::FlowError>& error);
     void loadFakeDNSState();
     // Our own look-ups behind a local stub would get our own fake answers
     // back: the connections ask the real resolver again for those.

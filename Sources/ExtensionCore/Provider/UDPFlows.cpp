@@ -69,7 +69,7 @@ void TransparentProxyProvider::handleUDPFlow(std::shared_ptr<NEAppProxyUDPFlow> 
                             std::move(app), std::move(verdict)},
                            std::move(flow),
                            std::move(proxy)};
-    context.record(Phase::open, 0, 0, 0, std::nullopt);
+    context.recordOpen();
     auto task = relayUDPFlow(std::move(context), connections_, queue());
     asio::co_spawn(asio::make_strand(queue()), std::move(task), asio::detached);
 }
