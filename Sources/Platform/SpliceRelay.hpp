@@ -34,6 +34,10 @@ public:
     static std::shared_ptr<SpliceRelay> start(DispatchQueue& queue, int appSocket,
                                               int upstreamSocket, OnEnd onEnd);
     virtual ~SpliceRelay() = default;
+
+    // Ends the relay now, with no error of its own, as when the caller has
+    // learnt that a side failed elsewhere. Its end is reported as usual.
+    virtual void stop() = 0;
 };
 
 } // namespace veltrane::platform

@@ -6,6 +6,7 @@ application saw the orderly end it should see, in time; 1 otherwise.
   give-up HOST PORT      send a request, wait one second for an answer, close
   reset HOST PORT        send a request, then reset the connection
   half-close HOST PORT   send, finish sending, and still read the answer ("bye")
+  held HOST PORT         exchange a line, say "held", then wait for the end (10 s)
   many HOST PORT N       hold N echoing connections open at once, then close them
   soak HOST PORT N       N half-close exchanges, one after another
 """
@@ -62,6 +63,23 @@ def half_close():
     return 0 if answer == b"bye" else 1
 
 
+def held():
+    with connect() as s:
+        s.sendall(b"ping\n")
+        if s.recv(100) != b"ping\n":
+            return 1
+        print("held", flush=True)
+        s.settimeout(10)
+        try:
+            while s.recv(100):
+                pass
+        except socket.timeout:
+            return 1
+        except (ConnectionError, OSError):
+            pass
+    return 0
+
+
 async def many(count):
     async def one(i):
         reader, writer = await asyncio.open_connection(host, port)
@@ -90,4 +108,4 @@ if mode == "soak":
 if mode == "many":
     sys.exit(asyncio.run(many(int(sys.argv[4]))))
 sys.exit({"request": request, "give-up": give_up, "reset": reset,
-          "half-close": half_close}[mode]())
+          "half-close": half_close, "held": held}[mode]())

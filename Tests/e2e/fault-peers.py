@@ -9,7 +9,7 @@ SOCKS5 proxies that fail on purpose (one port each):
 Origins (one port each):
   8005  sends a little, then resets
   8007  reads until the client's end, then answers "bye" and closes
-  8006, 8008  echo until the client closes
+  8006, 8008, 8009  echo until the client closes
 Usage: fault-peers.py ADDRESS
 """
 import asyncio
@@ -122,7 +122,7 @@ async def origin_stream(reader, writer):
 async def main():
     handlers = {1091: dies, 1092: stalls, 1093: resets_mid_stream, 1094: faithful,
                 8004: origin_stream, 8005: origin_resets, 8006: origin_echo,
-                8007: origin_after_end, 8008: origin_echo}
+                8007: origin_after_end, 8008: origin_echo, 8009: origin_echo}
     servers = [await asyncio.start_server(h, ADDRESS, p, backlog=4096) for p, h in handlers.items()]
     print("ready", flush=True)
     await asyncio.gather(*(s.serve_forever() for s in servers))

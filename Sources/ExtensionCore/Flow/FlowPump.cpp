@@ -35,6 +35,14 @@ FlowError appError(int error) {
 } // namespace
 
 void FlowPump::start() {
+    upstream_->setStateUpdateHandler(
+        [weak = weak_from_this()](platform::NWConnectionState state,
+                                  const std::optional<NWError>& error) {
+            auto self = weak.lock();
+            if (self && state == platform::NWConnectionState::failed) {
+                self->upstreamFailed(error ? FlowError::from(*error) : FlowError::posix(ENETDOWN));
+            }
+        });
     std::optional<Bytes> initial = std::exchange(initialAppData_, std::nullopt);
     if (!kernelStream(flow_) || !kernelStream(upstream_)) {
         if (initial && !initial->empty()) {
@@ -102,12 +110,16 @@ void FlowPump::splice(platform::DispatchQueue& queue, int appFd, int upstreamFd)
     auto started = platform::SpliceRelay::start(
         queue, appFd, upstreamFd,
         [self = shared_from_this()](const platform::SpliceRelay::Ending& ending) {
+            std::optional<FlowError> failure;
             {
                 std::lock_guard guard(self->lock_);
                 self->counters_.sent += ending.sent;
                 self->counters_.received += ending.received;
+                failure = self->upstreamFailure_;
             }
-            if (ending.upstreamError) {
+            if (failure) {
+                self->finish(failure);
+            } else if (ending.upstreamError) {
                 self->finish(FlowError::from(NWError::posix(*ending.upstreamError)));
             } else if (ending.appError) {
                 self->finish(appError(*ending.appError));
@@ -117,6 +129,34 @@ void FlowPump::splice(platform::DispatchQueue& queue, int appFd, int upstreamFd)
         });
     if (!started) {
         copy();
+        return;
+    }
+    bool failedMeanwhile = false;
+    {
+        std::lock_guard guard(lock_);
+        relay_ = started;
+        failedMeanwhile = upstreamFailure_.has_value();
+    }
+    if (failedMeanwhile) {
+        started->stop();
+    }
+}
+
+void FlowPump::upstreamFailed(const FlowError& error) {
+    std::shared_ptr<platform::SpliceRelay> relay;
+    {
+        std::lock_guard guard(lock_);
+        if (closed_ || upstreamFailure_) {
+            return;
+        }
+        upstreamFailure_ = error;
+        relay = relay_;
+    }
+    if (relay) {
+        relay->stop();
+    } else if (!kernelStream(flow_) || !kernelStream(upstream_)) {
+        // Copying: the pending receive fails too, but need not be waited for.
+        finish(error);
     }
 }
 
@@ -214,6 +254,7 @@ void FlowPump::finish(const std::optional<FlowError>& error) {
         closed_ = true;
         counters = counters_;
         onClose = std::move(onClose_);
+        relay_.reset();
     }
     upstream_->cancel();
     flow_->closeRead(error);

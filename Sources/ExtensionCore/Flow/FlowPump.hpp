@@ -4,6 +4,7 @@
 #include "Platform/KernelStream.hpp"
 #include "Platform/NEAppProxyTCPFlow.hpp"
 #include "Platform/NWConnection.hpp"
+#include "Platform/SpliceRelay.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -60,6 +61,9 @@ private:
     void relay(platform::KernelStream::Socket app, platform::KernelStream::Socket upstream);
     void splice(platform::DispatchQueue& queue, int appFd, int upstreamFd);
     void copy();
+    // The upstream failed by itself (its interface went away, say): no
+    // operation of a spliced flow would ever tell.
+    void upstreamFailed(const platform::FlowError& error);
     void pumpAppToUpstream();
     // Each counts what the other side took, then goes on with `then`.
     void sendUpstream(platform::Bytes bytes, std::function<void()> then);
@@ -72,10 +76,12 @@ private:
     const std::shared_ptr<platform::NWConnection> upstream_;
     std::optional<platform::Bytes> initialAppData_;
 
-    mutable std::mutex lock_; // guards counters_, closed_ and onClose_
+    mutable std::mutex lock_; // guards everything below
     OnClose onClose_;
     Counters counters_;
     bool closed_ = false;
+    std::shared_ptr<platform::SpliceRelay> relay_;       // while splicing
+    std::optional<platform::FlowError> upstreamFailure_; // that stopped the relay
 };
 
 } // namespace veltrane::core

@@ -2,6 +2,7 @@
 
 #include "Platform/BypassMark.hpp"
 #include "Platform/KernelStream.hpp"
+#include "Platform/linux/LinkWatch.hpp"
 
 #include <array>
 #include <asio.hpp>
@@ -14,6 +15,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 #include <type_traits>
+#include <utility>
 
 namespace veltrane::platform {
 
@@ -77,6 +79,12 @@ public:
                    std::shared_ptr<const LinuxConnectionService::SecondOpinion> opinion)
         : host_(std::move(host)), port_(port), parameters_(std::move(parameters)),
           opinion_(std::move(opinion)) {}
+
+    ~AsioConnection() override {
+        if (linkToken_ != 0) {
+            LinkWatch::shared().unwatch(linkToken_);
+        }
+    }
 
     void setStateUpdateHandler(StateUpdateHandler handler) override {
         std::lock_guard lock(mutex_);
@@ -346,8 +354,29 @@ private:
         }
         ready_ = true;
         setState(NWConnectionState::ready, std::nullopt);
+        watchInterface();
         pumpSends();
         pumpReceives();
+    }
+
+    // A connection pinned to an interface fails when the interface is removed
+    // or set down: its socket would otherwise wait for ever, and so would the
+    // application behind it.
+    void watchInterface() {
+        if (!parameters_.requiredInterface || finished_) {
+            return;
+        }
+        const unsigned index = ::if_nametoindex(parameters_.requiredInterface->c_str());
+        if (index == 0) {
+            fail(NWError::posix(ENETDOWN));
+            return;
+        }
+        std::weak_ptr<AsioConnection> weak = self();
+        linkToken_ = LinkWatch::shared().watch(index, [weak] {
+            if (auto self = weak.lock()) {
+                asio::post(*self->strand_, [self] { self->fail(NWError::posix(ENETDOWN)); });
+            }
+        });
     }
 
     void enqueueSend(PendingSend op) {
@@ -557,6 +586,9 @@ private:
     void finish(const NWError& error) {
         finished_ = true;
         terminalError_ = error;
+        if (linkToken_ != 0) {
+            LinkWatch::shared().unwatch(std::exchange(linkToken_, 0));
+        }
         asio::error_code ignored;
         if (resolver_) {
             resolver_->cancel();
@@ -646,6 +678,7 @@ private:
     bool peerFinished_ = false;
     bool finished_ = false;
     bool cancelled_ = false;
+    LinkWatch::Token linkToken_ = 0; // while a pinned connection is ready
 };
 
 } // namespace

@@ -125,6 +125,11 @@ public:
         return true;
     }
 
+    void stop() override {
+        asio::dispatch(strand_,
+                       [self = shared_from_this()] { self->end(std::nullopt, std::nullopt); });
+    }
+
     void run() {
         asio::dispatch(strand_, [self = shared_from_this()] {
             self->step(self->toUpstream_);
