@@ -62,13 +62,6 @@ std::pair<std::string, std::uint16_t> addressText(const sockaddr_storage& addres
     return {text, ntohs(in4->sin_port)};
 }
 
-std::string textOf(const asio::ip::address& address) {
-    if (address.is_v6() && address.to_v6().is_v4_mapped()) {
-        return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string();
-    }
-    return address.to_string();
-}
-
 // Where the application meant to go, before the redirect.
 std::optional<std::pair<std::string, std::uint16_t>> originalDestination(int fd, bool v6) {
     sockaddr_storage original{};
@@ -157,7 +150,7 @@ struct LinuxFlowHost::Impl {
 
     bool openListeners(std::string& whyNot);
     void acceptOn(asio::ip::tcp::acceptor& acceptor);
-    void pair(asio::ip::tcp::socket socket);
+    void pair(int fd, const sockaddr_storage& peer);
     void waitForPackets();
     enum class Answer { direct, refuse, carry };
     // handleNewFlow, and what its answer means for the connection.
@@ -204,39 +197,45 @@ bool LinuxFlowHost::Impl::openListeners(std::string& whyNot) {
         whyNot = std::string("cannot listen on the loopback: ") + error.what();
         return false;
     }
-    acceptOn(*listener4);
-    if (listener6) {
-        acceptOn(*listener6);
+    for (auto* listener : {listener4.get(), listener6.get()}) {
+        if (listener) {
+            listener->non_blocking(true);
+            acceptOn(*listener);
+        }
     }
     return true;
 }
 
+// Accepted by hand, with the peer's address: the socket reaches its flow as
+// a bare descriptor, never registered with the reactor on the way.
 void LinuxFlowHost::Impl::acceptOn(asio::ip::tcp::acceptor& acceptor) {
-    acceptor.async_accept(
-        [this, &acceptor](const std::error_code& error, asio::ip::tcp::socket socket) {
-            if (error == asio::error::operation_aborted) {
-                return;
+    acceptor.async_wait(asio::ip::tcp::acceptor::wait_read, [this, &acceptor](
+                                                                const std::error_code& error) {
+        if (error == asio::error::operation_aborted) {
+            return;
+        }
+        for (int round = 0; round < 64; ++round) {
+            sockaddr_storage peer{};
+            socklen_t length = sizeof peer;
+            const int fd = ::accept4(acceptor.native_handle(), reinterpret_cast<sockaddr*>(&peer),
+                                     &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (fd >= 0) {
+                pair(fd, peer);
+            } else if (errno != EINTR && errno != ECONNABORTED) {
+                break;
             }
-            if (!error) {
-                pair(std::move(socket));
-            }
-            acceptOn(acceptor);
-        });
+        }
+        acceptOn(acceptor);
+    });
 }
 
-void LinuxFlowHost::Impl::pair(asio::ip::tcp::socket socket) {
-    std::error_code error;
-    const auto peer = socket.remote_endpoint(error);
-    if (error) {
-        return;
-    }
-    const bool v6 = peer.address().is_v6();
-    const int fd = socket.native_handle();
+void LinuxFlowHost::Impl::pair(int fd, const sockaddr_storage& peerAddress) {
+    const bool v6 = peerAddress.ss_family == AF_INET6;
+    const auto peer = addressText(peerAddress);
     const auto original = originalDestination(fd, v6);
     std::shared_ptr<LinuxTCPFlow> flow;
     if (original) {
-        const auto key =
-            pendingKey(textOf(peer.address()), peer.port(), original->first, original->second);
+        const auto key = pendingKey(peer.first, peer.second, original->first, original->second);
         std::lock_guard guard(pendingLock);
         if (auto found = pending.find(key); found != pending.end()) {
             flow = std::move(found->second.flow);
@@ -250,8 +249,8 @@ void LinuxFlowHost::Impl::pair(asio::ip::tcp::socket socket) {
         QueuedPacket late;
         late.family = v6 ? AF_INET6 : AF_INET;
         late.protocol = IPPROTO_TCP;
-        late.source = textOf(peer.address());
-        late.sourcePort = peer.port();
+        late.source = peer.first;
+        late.sourcePort = peer.second;
         late.destination = original->first;
         late.destinationPort = original->second;
         auto candidate =
@@ -265,6 +264,13 @@ void LinuxFlowHost::Impl::pair(asio::ip::tcp::socket socket) {
         } else if (answer == Answer::direct) {
             // Already redirected, it cannot simply proceed: it goes where it
             // was going from a socket of our own.
+            asio::ip::tcp::socket socket(io);
+            std::error_code error;
+            socket.assign(v6 ? asio::ip::tcp::v6() : asio::ip::tcp::v4(), fd, error);
+            if (error) {
+                ::close(fd);
+                return;
+            }
             relayDirect(std::move(socket), *original);
             return;
         }
@@ -274,9 +280,10 @@ void LinuxFlowHost::Impl::pair(asio::ip::tcp::socket socket) {
         // one refused): refuse it plainly.
         ::linger off{1, 0};
         ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
+        ::close(fd);
         return;
     }
-    flow->attach(socket.release());
+    flow->attach(fd, v6);
 }
 
 void LinuxFlowHost::Impl::relayDirect(asio::ip::tcp::socket accepted,

@@ -201,15 +201,10 @@ LinuxTCPFlow::~LinuxTCPFlow() {
     });
 }
 
-void LinuxTCPFlow::attach(int socketFd) {
-    asio::post(state_->strand, [state = state_, socketFd] {
-        sockaddr_storage local{};
-        socklen_t length = sizeof local;
-        ::getsockname(socketFd, reinterpret_cast<sockaddr*>(&local), &length);
+void LinuxTCPFlow::attach(int socketFd, bool v6) {
+    asio::post(state_->strand, [state = state_, socketFd, v6] {
         std::error_code error;
-        state->socket.assign(local.ss_family == AF_INET6 ? asio::ip::tcp::v6()
-                                                         : asio::ip::tcp::v4(),
-                             socketFd, error);
+        state->socket.assign(v6 ? asio::ip::tcp::v6() : asio::ip::tcp::v4(), socketFd, error);
         if (error) {
             ::close(socketFd);
         }

@@ -28,8 +28,9 @@ public:
     ~LinuxTCPFlow() override;
 
     // --- Host side ---
-    // The redirected connection arrived (an accepted, connected socket).
-    void attach(int socketFd);
+    // The redirected connection arrived (an accepted, connected socket of
+    // this family, not yet known to the reactor).
+    void attach(int socketFd, bool v6);
     // It never will: a pending open fails with `error`, later ones too.
     void abandon(const FlowError& error);
     // The provider closed the flow (both ways) before it was ever opened.
