@@ -6,10 +6,8 @@
 
 namespace veltrane::platform {
 
-// A stream carried by a connected kernel socket that a relay may use
-// directly, so that its bytes need not cross the process. The stream keeps
-// owning the socket; the relay works beside it and gives it back untouched
-// before the stream is closed.
+// A stream carried by a connected kernel socket that a relay may take over,
+// so that its bytes need not cross the process.
 class KernelStream {
 public:
     struct Socket {
@@ -24,6 +22,11 @@ public:
     // out of the stream), when it is established, its peer has not finished
     // and no operation is in flight; nothing otherwise.
     virtual std::optional<Socket> kernelSocket() = 0;
+
+    // Gives the socket up, under the same conditions, once what was read ahead
+    // has been taken: the caller closes it from then on, and the stream acts
+    // as closed (closing it again does nothing). -1 when it cannot.
+    virtual int releaseSocket() = 0;
 };
 
 } // namespace veltrane::platform

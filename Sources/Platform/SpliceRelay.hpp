@@ -16,9 +16,9 @@ namespace veltrane::platform {
 // It ends once: when the upstream finishes and every byte it sent has
 // reached the application, or when either socket fails. The application
 // finishing its sending half-closes the upstream; replies keep flowing. The
-// caller keeps owning both sockets: the relay works on duplicates and lets
-// go of them before it reports the end, so that what the caller then does
-// with its own (a reset) takes effect at once.
+// relay owns both sockets once started, and closes them before it reports
+// the end: the application's with a reset when the upstream failed or the
+// relay was stopped, so that the application sees a failure as one.
 class SpliceRelay {
 public:
     struct Ending {
@@ -29,11 +29,14 @@ public:
     };
     using OnEnd = std::function<void(const Ending&)>;
 
-    // Handlers run on `queue`. Nothing, and the end is never reported, when
-    // the relay cannot be set up (out of descriptors): copy instead.
-    static std::shared_ptr<SpliceRelay> start(DispatchQueue& queue, int appSocket,
-                                              int upstreamSocket, OnEnd onEnd);
+    // Handlers run on `queue`. Nothing when the relay cannot be set up (out of
+    // descriptors): copy instead.
+    static std::shared_ptr<SpliceRelay> make(DispatchQueue& queue, OnEnd onEnd);
     virtual ~SpliceRelay() = default;
+
+    // Takes both connected, non-blocking sockets over and sets the bytes
+    // going. Nothing is held for them but the relay's two waits.
+    virtual void start(int appSocket, int upstreamSocket) = 0;
 
     // Ends the relay now, with no error of its own, as when the caller has
     // learnt that a side failed elsewhere. Its end is reported as usual.

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <asio.hpp>
+#include <cerrno>
 #include <csignal>
 #include <future>
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace veltrane::platform {
 namespace {
@@ -56,17 +58,20 @@ void send(int fd, const std::string& text) {
 }
 
 // The relay's ending in each way a flow ends, with the bytes it moved both
-// ways and the application's half-close passed on while replies flow.
+// ways, the application's half-close passed on while replies flow, and the
+// application's connection reset when the upstream failed or the relay was
+// stopped.
 TEST(SpliceRelay, MovesBothWaysAndEndsOnce) {
     std::signal(SIGPIPE, SIG_IGN);
-    enum class End { upstreamFinishes, appHalfClosesFirst, appResets, upstreamResets };
+    enum class End { upstreamFinishes, appHalfClosesFirst, appResets, upstreamResets, stopped };
     const struct {
         const char* name;
         End end;
     } cases[] = {{"upstream finishes", End::upstreamFinishes},
                  {"application half-closes first", End::appHalfClosesFirst},
                  {"application resets", End::appResets},
-                 {"upstream resets", End::upstreamResets}};
+                 {"upstream resets", End::upstreamResets},
+                 {"stopped by its owner", End::stopped}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         asio::io_context queue;
@@ -75,9 +80,10 @@ TEST(SpliceRelay, MovesBothWaysAndEndsOnce) {
         Connection app;
         Connection upstream;
         std::promise<SpliceRelay::Ending> ended;
-        auto relay = SpliceRelay::start(queue, app.near, upstream.near,
-                                        [&](const SpliceRelay::Ending& e) { ended.set_value(e); });
+        auto relay =
+            SpliceRelay::make(queue, [&](const SpliceRelay::Ending& e) { ended.set_value(e); });
         ASSERT_TRUE(relay);
+        relay->start(std::exchange(app.near, -1), std::exchange(upstream.near, -1));
 
         const std::string request(300000, 'q');
         send(app.far, request);
@@ -108,6 +114,9 @@ TEST(SpliceRelay, MovesBothWaysAndEndsOnce) {
         case End::upstreamResets:
             reset(upstream.far);
             break;
+        case End::stopped:
+            relay->stop();
+            break;
         }
         auto future = ended.get_future();
         ASSERT_EQ(future.wait_for(std::chrono::seconds(5)), std::future_status::ready);
@@ -118,7 +127,6 @@ TEST(SpliceRelay, MovesBothWaysAndEndsOnce) {
         case End::upstreamFinishes:
             EXPECT_FALSE(ending.appError || ending.upstreamError);
             EXPECT_EQ(ending.received, 5U);
-            ::shutdown(app.near, SHUT_WR); // what the caller does next
             EXPECT_EQ(readAll(app.far), "reply");
             break;
         case End::appResets:
@@ -126,8 +134,13 @@ TEST(SpliceRelay, MovesBothWaysAndEndsOnce) {
             EXPECT_FALSE(ending.upstreamError);
             break;
         case End::upstreamResets:
-            EXPECT_TRUE(ending.upstreamError);
+        case End::stopped: {
+            EXPECT_EQ(ending.upstreamError.has_value(), c.end == End::upstreamResets);
+            char byte;
+            EXPECT_EQ(::recv(app.far, &byte, 1, 0), -1);
+            EXPECT_EQ(errno, ECONNRESET);
             break;
+        }
         }
         work.reset();
         runner.join();

@@ -108,4 +108,15 @@ std::optional<platform::KernelStream::Socket> PrefixedConnection::kernelSocket()
     return socket;
 }
 
+int PrefixedConnection::releaseSocket() {
+    auto* kernel = dynamic_cast<platform::KernelStream*>(inner_.get());
+    {
+        std::lock_guard guard(lock_);
+        if (!kernel || !prefix_.empty()) {
+            return -1;
+        }
+    }
+    return kernel->releaseSocket();
+}
+
 } // namespace veltrane::core

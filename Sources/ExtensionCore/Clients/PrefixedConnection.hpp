@@ -29,6 +29,7 @@ public:
     void cancel() override;
     // The inner connection's socket, with the prefix ahead of its unread bytes.
     std::optional<Socket> kernelSocket() override;
+    int releaseSocket() override;
 
 private:
     // Takes up to `maximum` bytes of the prefix.

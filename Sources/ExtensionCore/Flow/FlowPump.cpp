@@ -3,6 +3,8 @@
 #include "Platform/SpliceRelay.hpp"
 
 #include <cerrno>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 
 namespace veltrane::core {
@@ -89,8 +91,7 @@ void FlowPump::spliceOrCopy() {
 
 void FlowPump::relay(platform::KernelStream::Socket app, platform::KernelStream::Socket upstream) {
     // What was read ahead goes first, through the sides' own operations.
-    auto splice = [self = shared_from_this(), queue = upstream.queue, appFd = app.fd,
-                   upstreamFd = upstream.fd] { self->splice(*queue, appFd, upstreamFd); };
+    auto splice = [self = shared_from_this(), queue = upstream.queue] { self->splice(*queue); };
     auto behind = [self = shared_from_this(), bytes = std::move(upstream.unread),
                    splice]() mutable {
         if (bytes.empty()) {
@@ -106,10 +107,12 @@ void FlowPump::relay(platform::KernelStream::Socket app, platform::KernelStream:
     }
 }
 
-void FlowPump::splice(platform::DispatchQueue& queue, int appFd, int upstreamFd) {
-    auto started = platform::SpliceRelay::start(
-        queue, appFd, upstreamFd,
-        [self = shared_from_this()](const platform::SpliceRelay::Ending& ending) {
+void FlowPump::splice(platform::DispatchQueue& queue) {
+    if (isClosed()) {
+        return;
+    }
+    auto started = platform::SpliceRelay::make(
+        queue, [self = shared_from_this()](const platform::SpliceRelay::Ending& ending) {
             std::optional<FlowError> failure;
             {
                 std::lock_guard guard(self->lock_);
@@ -131,6 +134,21 @@ void FlowPump::splice(platform::DispatchQueue& queue, int appFd, int upstreamFd)
         copy();
         return;
     }
+    // Handed over, the sockets no longer hold anything of ours while idle.
+    const int appFd = kernelStream(flow_)->releaseSocket();
+    const int upstreamFd = appFd < 0 ? -1 : kernelStream(upstream_)->releaseSocket();
+    if (upstreamFd < 0) {
+        // A side changed under us (it cannot between operations): give up
+        // the flow rather than leave the one released socket unowned.
+        if (appFd >= 0) {
+            ::linger off{1, 0};
+            ::setsockopt(appFd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
+            ::close(appFd);
+        }
+        finish(FlowError::posix(ENOTCONN));
+        return;
+    }
+    started->start(appFd, upstreamFd);
     bool failedMeanwhile = false;
     {
         std::lock_guard guard(lock_);

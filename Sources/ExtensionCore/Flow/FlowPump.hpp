@@ -59,7 +59,7 @@ private:
     // What either side read ahead goes first, through its own operations;
     // then the sockets are spliced.
     void relay(platform::KernelStream::Socket app, platform::KernelStream::Socket upstream);
-    void splice(platform::DispatchQueue& queue, int appFd, int upstreamFd);
+    void splice(platform::DispatchQueue& queue);
     void copy();
     // The upstream failed by itself (its interface went away, say): no
     // operation of a spliced flow would ever tell.

@@ -151,6 +151,23 @@ public:
         }
     }
 
+    // As kernelSocket, and only after it.
+    int releaseSocket() override {
+        if constexpr (!isStream) {
+            return -1;
+        } else {
+            std::lock_guard lock(mutex_);
+            if (!strand_ || !ready_ || finished_ || peerFinished_ || writeShut_ || reading_ ||
+                writing_ || !sends_.empty() || !receives_.empty() || !socket_ ||
+                !inbound_.empty()) {
+                return -1;
+            }
+            asio::error_code error;
+            const int fd = socket_->release(error);
+            return error ? -1 : fd;
+        }
+    }
+
     void receiveMessage(ReceiveCompletion completion) override {
         // A stream's one message is all of it: wait for the peer's end.
         constexpr std::size_t all = std::numeric_limits<std::size_t>::max();

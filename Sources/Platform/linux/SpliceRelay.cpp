@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <mutex>
 #include <optional>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -80,7 +79,7 @@ public:
 
     ~LinuxSpliceRelay() override { release(); }
 
-    bool setUp(int appSocket, int upstreamSocket) {
+    bool setUp() {
         for (auto* direction : {&toUpstream_, &toApp_}) {
             auto pipe = PipePool::shared().take();
             if (!pipe) {
@@ -88,34 +87,6 @@ public:
             }
             direction->pipeRead = pipe->read;
             direction->pipeWrite = pipe->write;
-        }
-        const int app = ::fcntl(appSocket, F_DUPFD_CLOEXEC, 0);
-        const int upstream = ::fcntl(upstreamSocket, F_DUPFD_CLOEXEC, 0);
-        if (app < 0 || upstream < 0) {
-            for (int fd : {app, upstream}) {
-                if (fd >= 0) {
-                    ::close(fd);
-                }
-            }
-            return false;
-        }
-        std::error_code error;
-        app_.assign(app, error);
-        if (error) {
-            ::close(app);
-            ::close(upstream);
-            return false;
-        }
-        upstream_.assign(upstream, error);
-        if (error) {
-            ::close(upstream);
-            return false;
-        }
-        // Shared with the caller's descriptors, which only ever read and
-        // write without waiting themselves.
-        for (int fd : {app, upstream}) {
-            int on = 1;
-            ::ioctl(fd, FIONBIO, &on);
         }
         toUpstream_.from = &app_;
         toUpstream_.to = &upstream_;
@@ -125,15 +96,32 @@ public:
         return true;
     }
 
-    void stop() override {
-        asio::dispatch(strand_,
-                       [self = shared_from_this()] { self->end(std::nullopt, std::nullopt); });
-    }
-
-    void run() {
-        asio::dispatch(strand_, [self = shared_from_this()] {
+    void start(int appSocket, int upstreamSocket) override {
+        asio::dispatch(strand_, [self = shared_from_this(), appSocket, upstreamSocket] {
+            std::error_code appError;
+            std::error_code upstreamError;
+            self->app_.assign(appSocket, appError);
+            self->upstream_.assign(upstreamSocket, upstreamError);
+            if (appError) {
+                ::close(appSocket);
+            }
+            if (upstreamError) {
+                ::close(upstreamSocket);
+            }
+            if (appError || upstreamError) {
+                self->end(appError ? std::optional(appError.value()) : std::nullopt,
+                          upstreamError ? std::optional(upstreamError.value()) : std::nullopt);
+                return;
+            }
             self->step(self->toUpstream_);
             self->step(self->toApp_);
+        });
+    }
+
+    void stop() override {
+        asio::dispatch(strand_, [self = shared_from_this()] {
+            self->stopped_ = true;
+            self->end(std::nullopt, std::nullopt);
         });
     }
 
@@ -239,8 +227,11 @@ private:
         }
         ended_ = true;
         Ending ending{toUpstream_.moved, toApp_.moved, appError, upstreamError};
-        // Our duplicates go first: a reset the caller then asks for on its
-        // own descriptor must not wait for ours.
+        if ((upstreamError || stopped_) && app_.is_open()) {
+            // Linger zero: the close resets the application's connection.
+            ::linger off{1, 0};
+            ::setsockopt(app_.native_handle(), SOL_SOCKET, SO_LINGER, &off, sizeof off);
+        }
         release();
         if (auto onEnd = std::move(onEnd_)) {
             onEnd(ending);
@@ -268,17 +259,16 @@ private:
     Direction toUpstream_;
     Direction toApp_;
     bool ended_ = false;
+    bool stopped_ = false;
 };
 
 } // namespace
 
-std::shared_ptr<SpliceRelay> SpliceRelay::start(DispatchQueue& queue, int appSocket,
-                                                int upstreamSocket, OnEnd onEnd) {
+std::shared_ptr<SpliceRelay> SpliceRelay::make(DispatchQueue& queue, OnEnd onEnd) {
     auto relay = std::make_shared<LinuxSpliceRelay>(queue, std::move(onEnd));
-    if (!relay->setUp(appSocket, upstreamSocket)) {
+    if (!relay->setUp()) {
         return nullptr;
     }
-    relay->run();
     return relay;
 }
 

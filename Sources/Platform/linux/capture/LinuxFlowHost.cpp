@@ -313,17 +313,16 @@ void LinuxFlowHost::Impl::relayDirect(asio::ip::tcp::socket accepted,
             resetApp();
             return;
         }
-        // The sockets close when the relay lets go of its ending.
-        auto relay =
-            SpliceRelay::start(io, app->native_handle(), upstream->native_handle(),
-                               [app, upstream, resetApp](const SpliceRelay::Ending& ending) {
-                                   if (ending.appError || ending.upstreamError) {
-                                       resetApp();
-                                   }
-                               });
+        auto relay = SpliceRelay::make(io, [](const SpliceRelay::Ending&) {});
         if (!relay) {
             resetApp();
+            return;
         }
+        // The relay closes both, resetting the application's when the
+        // upstream fails.
+        std::error_code ignored;
+        const int appFd = app->release(ignored);
+        relay->start(appFd, upstream->release(ignored));
     });
 }
 

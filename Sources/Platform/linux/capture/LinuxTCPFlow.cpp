@@ -315,6 +315,16 @@ std::optional<KernelStream::Socket> LinuxTCPFlow::kernelSocket() {
     return Socket{state_->socket.native_handle(), &state_->queue, {}};
 }
 
+int LinuxTCPFlow::releaseSocket() {
+    std::lock_guard guard(state_->lock);
+    if (!state_->opened || state_->readClosed || state_->writeClosed || !state_->socket.is_open()) {
+        return -1;
+    }
+    std::error_code error;
+    const int fd = state_->socket.release(error);
+    return error ? -1 : fd;
+}
+
 void LinuxTCPFlow::writeData(Bytes data, WriteCompletion completion) {
     asio::post(state_->strand, [state = state_, data = std::make_shared<Bytes>(std::move(data)),
                                 completion = std::move(completion)]() mutable {

@@ -47,6 +47,7 @@ public:
 
     // --- KernelStream ---
     std::optional<Socket> kernelSocket() override;
+    int releaseSocket() override;
 
     // --- FlowEndWatch ---
     void watchForEnd(std::function<void(bool reset)> onEnd) override;
