@@ -10,8 +10,8 @@
 namespace veltrane::platform {
 
 // Moves a TCP flow's bytes both ways between two connected kernel stream
-// sockets with splice(), through one pipe per direction, so they never
-// cross the process and no buffer of ours is held while the flow is idle.
+// sockets with splice(), through a pipe per direction while bytes move, so
+// they never cross the process; an idle flow holds no buffer and no pipe.
 //
 // It ends once: when the upstream finishes and every byte it sent has
 // reached the application, or when either socket fails. The application

@@ -168,9 +168,14 @@ private:
                     // The application has finished sending: so does the
                     // upstream, while its replies go on.
                     ::shutdown(upstream_.native_handle(), SHUT_WR);
+                    dropPipe(d);
                 } else {
                     end(std::nullopt, std::nullopt);
                 }
+                return;
+            }
+            if (!holdPipe(d)) {
+                fail(d.from == &app_, EMFILE);
                 return;
             }
             const ssize_t n = ::splice(d.from->native_handle(), nullptr, d.pipeWrite, nullptr,
@@ -187,7 +192,9 @@ private:
                 continue;
             }
             if (errno == EAGAIN) {
-                // The pipe is empty here, so it is the socket that has nothing.
+                // The pipe is empty here, so it is the socket that has
+                // nothing: the flow is idle that way, and needs no pipe.
+                dropPipe(d);
                 wait(d, *d.from, Descriptor::wait_read);
                 return;
             }
@@ -196,6 +203,28 @@ private:
         }
         // A busy direction yields, so the other is not starved.
         asio::post(strand_, [self = shared_from_this(), &d] { self->step(d); });
+    }
+
+    // An idle direction holds no pipe (two descriptors, and the kernel's
+    // buffer ring): it takes one from the pool when bytes arrive.
+    static bool holdPipe(Direction& d) {
+        if (d.pipeRead >= 0) {
+            return true;
+        }
+        auto pipe = PipePool::shared().take();
+        if (!pipe) {
+            return false;
+        }
+        d.pipeRead = pipe->read;
+        d.pipeWrite = pipe->write;
+        return true;
+    }
+    static void dropPipe(Direction& d) {
+        if (d.pipeRead >= 0 && d.inPipe == 0) {
+            PipePool::shared().give({d.pipeRead, d.pipeWrite}, true);
+            d.pipeRead = -1;
+            d.pipeWrite = -1;
+        }
     }
 
     void wait(Direction& d, Descriptor& descriptor, Descriptor::wait_type type) {

@@ -27,6 +27,7 @@
 #include <linux/netfilter_ipv6/ip6_tables.h>
 #include <map>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <thread>
 
 namespace veltrane::platform::capture {
@@ -49,6 +50,24 @@ constexpr auto udpIdleLifetime = std::chrono::seconds(120);
 // A resolver's socket asks once or twice and is done: its flow (and the
 // reply socket it holds) goes soon after, well past any forward's time-out.
 constexpr auto dnsIdleLifetime = std::chrono::seconds(15);
+
+// A spliced flow holds six descriptors (two sockets, two pipes): under the
+// usual soft limit of 1024 the host would stop taking flows at about 170.
+// Raised as far as the process may; the hard limit itself only with the
+// privilege to.
+rlim_t raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return 0;
+    }
+    const rlimit wanted{std::max<rlim_t>(limit.rlim_max, 1 << 20),
+                        std::max<rlim_t>(limit.rlim_max, 1 << 20)};
+    if (::setrlimit(RLIMIT_NOFILE, &wanted) == 0) {
+        return wanted.rlim_cur;
+    }
+    const rlimit soft{limit.rlim_max, limit.rlim_max};
+    return ::setrlimit(RLIMIT_NOFILE, &soft) == 0 ? soft.rlim_cur : limit.rlim_cur;
+}
 
 std::pair<std::string, std::uint16_t> addressText(const sockaddr_storage& address) {
     char text[INET6_ADDRSTRLEN] = {};
@@ -150,6 +169,7 @@ struct LinuxFlowHost::Impl {
 
     bool openListeners(std::string& whyNot);
     void acceptOn(asio::ip::tcp::acceptor& acceptor);
+    void acceptReady(asio::ip::tcp::acceptor& acceptor);
     void pair(int fd, const sockaddr_storage& peer);
     void waitForPackets();
     enum class Answer { direct, refuse, carry };
@@ -209,24 +229,37 @@ bool LinuxFlowHost::Impl::openListeners(std::string& whyNot) {
 // Accepted by hand, with the peer's address: the socket reaches its flow as
 // a bare descriptor, never registered with the reactor on the way.
 void LinuxFlowHost::Impl::acceptOn(asio::ip::tcp::acceptor& acceptor) {
-    acceptor.async_wait(asio::ip::tcp::acceptor::wait_read, [this, &acceptor](
-                                                                const std::error_code& error) {
-        if (error == asio::error::operation_aborted) {
+    acceptor.async_wait(asio::ip::tcp::acceptor::wait_read,
+                        [this, &acceptor](const std::error_code& error) {
+                            if (error != asio::error::operation_aborted) {
+                                acceptReady(acceptor);
+                            }
+                        });
+}
+
+void LinuxFlowHost::Impl::acceptReady(asio::ip::tcp::acceptor& acceptor) {
+    for (int round = 0; round < 64; ++round) {
+        sockaddr_storage peer{};
+        socklen_t length = sizeof peer;
+        const int fd = ::accept4(acceptor.native_handle(), reinterpret_cast<sockaddr*>(&peer),
+                                 &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd >= 0) {
+            pair(fd, peer);
+        } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            // Out of descriptors: the listener stays readable, so wait for
+            // flows to end rather than spin on it.
+            auto pause = std::make_shared<asio::steady_timer>(io, std::chrono::milliseconds(50));
+            pause->async_wait([this, &acceptor, pause](const std::error_code& error) {
+                if (!error) {
+                    acceptOn(acceptor);
+                }
+            });
             return;
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            break;
         }
-        for (int round = 0; round < 64; ++round) {
-            sockaddr_storage peer{};
-            socklen_t length = sizeof peer;
-            const int fd = ::accept4(acceptor.native_handle(), reinterpret_cast<sockaddr*>(&peer),
-                                     &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (fd >= 0) {
-                pair(fd, peer);
-            } else if (errno != EINTR && errno != ECONNABORTED) {
-                break;
-            }
-        }
-        acceptOn(acceptor);
-    });
+    }
+    acceptOn(acceptor);
 }
 
 void LinuxFlowHost::Impl::pair(int fd, const sockaddr_storage& peerAddress) {
@@ -702,6 +735,7 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     // A peer gone while bytes move to it is an error of that flow: splice()
     // has no flag to keep the signal away, so it is ignored process-wide.
     std::signal(SIGPIPE, SIG_IGN);
+    const auto descriptors = raiseDescriptorLimit();
     provider->attachHost(weak_from_this());
     if (impl.options.profile) {
         provider->setProtocolConfiguration(
@@ -735,11 +769,11 @@ int LinuxFlowHost::run(std::shared_ptr<NETransparentProxyProvider> provider) {
     impl.sweeper = std::make_unique<asio::steady_timer>(impl.io);
     impl.sweep();
     impl.signals.async_wait([&impl](const std::error_code&, int) { impl.io.stop(); });
-    platform::log::info("capture running: table {}, queue {}, listener port {}, owners {}{}",
-                        impl.options.tableName, impl.options.queueNumber,
-                        impl.listener4->local_endpoint().port(),
-                        impl.connectOwners ? "by connect hook" : "through /proc",
-                        impl.tables && impl.tables->config().captureDNS ? ", DNS captured" : "");
+    platform::log::info(
+        "capture running: table {}, queue {}, listener port {}, owners {}{}, {} descriptors",
+        impl.options.tableName, impl.options.queueNumber, impl.listener4->local_endpoint().port(),
+        impl.connectOwners ? "by connect hook" : "through /proc",
+        impl.tables && impl.tables->config().captureDNS ? ", DNS captured" : "", descriptors);
 
     impl.watchdog = std::thread([&impl] { impl.watch(); });
     std::vector<std::thread> threads;
