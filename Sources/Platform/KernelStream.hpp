@@ -27,6 +27,11 @@ public:
     // has been taken: the caller closes it from then on, and the stream acts
     // as closed (closing it again does nothing). -1 when it cannot.
     virtual int releaseSocket() = 0;
+
+    // Whether the stream still has something to tell once its socket is
+    // released (a connection pinned to an interface fails when it goes):
+    // the caller then keeps it.
+    virtual bool reportsAfterRelease() const { return false; }
 };
 
 } // namespace veltrane::platform

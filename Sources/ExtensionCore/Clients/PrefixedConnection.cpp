@@ -108,6 +108,11 @@ std::optional<platform::KernelStream::Socket> PrefixedConnection::kernelSocket()
     return socket;
 }
 
+bool PrefixedConnection::reportsAfterRelease() const {
+    const auto* kernel = dynamic_cast<const platform::KernelStream*>(inner_.get());
+    return kernel != nullptr && kernel->reportsAfterRelease();
+}
+
 int PrefixedConnection::releaseSocket() {
     auto* kernel = dynamic_cast<platform::KernelStream*>(inner_.get());
     {

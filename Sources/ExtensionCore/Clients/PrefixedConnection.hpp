@@ -30,6 +30,7 @@ public:
     // The inner connection's socket, with the prefix ahead of its unread bytes.
     std::optional<Socket> kernelSocket() override;
     int releaseSocket() override;
+    bool reportsAfterRelease() const override;
 
 private:
     // Takes up to `maximum` bytes of the prefix.

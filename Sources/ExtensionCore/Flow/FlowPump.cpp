@@ -13,12 +13,6 @@ using platform::Bytes;
 using platform::FlowError;
 using platform::NWError;
 
-FlowPump::FlowPump(std::shared_ptr<platform::NEAppProxyTCPFlow> flow,
-                   std::shared_ptr<platform::NWConnection> upstream,
-                   std::optional<Bytes> initialAppData, OnClose onClose)
-    : flow_(std::move(flow)), upstream_(std::move(upstream)),
-      initialAppData_(std::move(initialAppData)), onClose_(std::move(onClose)) {}
-
 namespace {
 
 platform::KernelStream* kernelStream(const auto& side) {
@@ -36,6 +30,13 @@ FlowError appError(int error) {
 
 } // namespace
 
+FlowPump::FlowPump(std::shared_ptr<platform::NEAppProxyTCPFlow> flow,
+                   std::shared_ptr<platform::NWConnection> upstream,
+                   std::optional<Bytes> initialAppData, OnClose onClose)
+    : flow_(std::move(flow)), upstream_(std::move(upstream)),
+      kernelSides_(kernelStream(flow_) && kernelStream(upstream_)),
+      initialAppData_(std::move(initialAppData)), onClose_(std::move(onClose)) {}
+
 void FlowPump::start() {
     upstream_->setStateUpdateHandler(
         [weak = weak_from_this()](platform::NWConnectionState state,
@@ -46,7 +47,7 @@ void FlowPump::start() {
             }
         });
     std::optional<Bytes> initial = std::exchange(initialAppData_, std::nullopt);
-    if (!kernelStream(flow_) || !kernelStream(upstream_)) {
+    if (!kernelSides_) {
         if (initial && !initial->empty()) {
             sendUpstream(std::move(*initial),
                          [self = shared_from_this()] { self->pumpAppToUpstream(); });
@@ -154,6 +155,13 @@ void FlowPump::splice(platform::DispatchQueue& queue) {
         std::lock_guard guard(lock_);
         relay_ = started;
         failedMeanwhile = upstreamFailure_.has_value();
+        // The sockets are the relay's now: the flow object is not needed
+        // again, nor the connection unless it still watches its interface.
+        // An idle flow keeps less.
+        flow_.reset();
+        if (!kernelStream(upstream_)->reportsAfterRelease()) {
+            upstream_.reset();
+        }
     }
     if (failedMeanwhile) {
         started->stop();
@@ -172,7 +180,7 @@ void FlowPump::upstreamFailed(const FlowError& error) {
     }
     if (relay) {
         relay->stop();
-    } else if (!kernelStream(flow_) || !kernelStream(upstream_)) {
+    } else if (!kernelSides_) {
         // Copying: the pending receive fails too, but need not be waited for.
         finish(error);
     }
@@ -264,6 +272,8 @@ void FlowPump::writeToApp(Bytes bytes, std::function<void()> then) {
 void FlowPump::finish(const std::optional<FlowError>& error) {
     Counters counters;
     OnClose onClose;
+    std::shared_ptr<platform::NEAppProxyTCPFlow> flow;
+    std::shared_ptr<platform::NWConnection> upstream;
     {
         std::lock_guard guard(lock_);
         if (closed_) {
@@ -273,10 +283,16 @@ void FlowPump::finish(const std::optional<FlowError>& error) {
         counters = counters_;
         onClose = std::move(onClose_);
         relay_.reset();
+        flow = flow_;
+        upstream = upstream_;
     }
-    upstream_->cancel();
-    flow_->closeRead(error);
-    flow_->closeWrite(error);
+    if (upstream) {
+        upstream->cancel();
+    }
+    if (flow) {
+        flow->closeRead(error);
+        flow->closeWrite(error);
+    }
     if (onClose) {
         onClose(counters, error);
     }

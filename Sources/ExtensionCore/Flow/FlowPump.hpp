@@ -72,8 +72,10 @@ private:
     void finish(const std::optional<platform::FlowError>& error);
     bool isClosed() const;
 
-    const std::shared_ptr<platform::NEAppProxyTCPFlow> flow_;
-    const std::shared_ptr<platform::NWConnection> upstream_;
+    // Let go of (under lock_) once the splice relay has their sockets.
+    std::shared_ptr<platform::NEAppProxyTCPFlow> flow_;
+    std::shared_ptr<platform::NWConnection> upstream_;
+    const bool kernelSides_; // both sides are kernel sockets
     std::optional<platform::Bytes> initialAppData_;
 
     mutable std::mutex lock_; // guards everything below

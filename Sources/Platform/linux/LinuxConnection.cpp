@@ -151,6 +151,8 @@ public:
         }
     }
 
+    bool reportsAfterRelease() const override { return parameters_.requiredInterface.has_value(); }
+
     // As kernelSocket, and only after it.
     int releaseSocket() override {
         if constexpr (!isStream) {
