@@ -35,7 +35,9 @@ public:
     virtual ~SpliceRelay() = default;
 
     // Takes both connected, non-blocking sockets over and sets the bytes
-    // going. Nothing is held for them but the relay's two waits.
+    // going. Nothing is held for them but the relay's two waits. A side given
+    // as -1 (it could not be handed over) ends the relay at once with an
+    // error on that side.
     virtual void start(int appSocket, int upstreamSocket) = 0;
 
     // Ends the relay now, with no error of its own, as when the caller has

@@ -67,12 +67,7 @@ echo "2001:db8::2 origin6.example" | tee -a /etc/netns/"$lab_client"/hosts >>/et
 lab_srv python3 -m http.server 80 --bind 2001:db8::2 --directory "$lab_dir/www" \
     >"$lab_dir/origin6.log" 2>&1 &
 lab_pids+=($!)
-pin=vtp$lab_id
-ip link add "$pin" netns "$lab_client" type veth peer name vtq"$lab_id" netns "$lab_server"
-lab_in ip addr add 198.51.100.1/24 dev "$pin"
-lab_in ip link set "$pin" up
-lab_srv ip addr add 198.51.100.2/24 dev vtq"$lab_id"
-lab_srv ip link set vtq"$lab_id" up
+lab_pin_link
 lab_srv python3 -m http.server 8080 --bind 0.0.0.0 --directory "$lab_dir/www" \
     >"$lab_dir/pinned.log" 2>&1 &
 lab_pids+=($!)

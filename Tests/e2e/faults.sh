@@ -72,12 +72,7 @@ extension_rss() { awk '/^VmRSS/ {print $2}' "/proc/$(pgrep -f -n veltrane-extens
 
 lab_up || exit 1
 # A second link to the server, for a flow pinned to it.
-pin=vtp$lab_id
-ip link add "$pin" netns "$lab_client" type veth peer name vtq"$lab_id" netns "$lab_server"
-lab_in ip addr add 198.51.100.1/24 dev "$pin"
-lab_in ip link set "$pin" up
-lab_srv ip addr add 198.51.100.2/24 dev vtq"$lab_id"
-lab_srv ip link set vtq"$lab_id" up
+lab_pin_link
 lab_srv python3 "$root/Tests/e2e/fault-peers.py" 192.0.2.2 >"$lab_dir/peers.log" 2>&1 &
 lab_pids+=($!)
 lab_wait_port "$lab_server" 8008 || exit 1

@@ -46,6 +46,17 @@ lab_up() {
     lab_wait_port "$lab_server" 80 && lab_wait_port "$lab_server" 1080
 }
 
+# A second link between the namespaces (198.51.100.1 in the client, .2 in
+# the server), for flows pinned to an interface; its client end is $pin.
+lab_pin_link() {
+    pin=vtp$lab_id
+    ip link add "$pin" netns "$lab_client" type veth peer name vtq"$lab_id" netns "$lab_server"
+    lab_in ip addr add 198.51.100.1/24 dev "$pin"
+    lab_in ip link set "$pin" up
+    lab_srv ip addr add 198.51.100.2/24 dev vtq"$lab_id"
+    lab_srv ip link set vtq"$lab_id" up
+}
+
 # Waits (5 s at most) until something listens on the TCP port in the namespace.
 lab_wait_port() {
     local ns=$1 port=$2 i

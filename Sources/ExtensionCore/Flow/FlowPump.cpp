@@ -3,8 +3,6 @@
 #include "Platform/SpliceRelay.hpp"
 
 #include <cerrno>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <utility>
 
 namespace veltrane::core {
@@ -136,20 +134,10 @@ void FlowPump::splice(platform::DispatchQueue& queue) {
         return;
     }
     // Handed over, the sockets no longer hold anything of ours while idle.
+    // A side that cannot be (it changed under us, which it cannot between
+    // operations) ends the relay, and so the flow, with an error.
     const int appFd = kernelStream(flow_)->releaseSocket();
-    const int upstreamFd = appFd < 0 ? -1 : kernelStream(upstream_)->releaseSocket();
-    if (upstreamFd < 0) {
-        // A side changed under us (it cannot between operations): give up
-        // the flow rather than leave the one released socket unowned.
-        if (appFd >= 0) {
-            ::linger off{1, 0};
-            ::setsockopt(appFd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
-            ::close(appFd);
-        }
-        finish(FlowError::posix(ENOTCONN));
-        return;
-    }
-    started->start(appFd, upstreamFd);
+    started->start(appFd, kernelStream(upstream_)->releaseSocket());
     bool failedMeanwhile = false;
     {
         std::lock_guard guard(lock_);

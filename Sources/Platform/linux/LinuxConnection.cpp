@@ -137,8 +137,7 @@ public:
             return std::nullopt;
         } else {
             std::lock_guard lock(mutex_);
-            if (!strand_ || !ready_ || finished_ || peerFinished_ || writeShut_ || reading_ ||
-                writing_ || !sends_.empty() || !receives_.empty() || !socket_) {
+            if (!betweenOperations()) {
                 return std::nullopt;
             }
             Socket socket{socket_->native_handle(),
@@ -159,9 +158,7 @@ public:
             return -1;
         } else {
             std::lock_guard lock(mutex_);
-            if (!strand_ || !ready_ || finished_ || peerFinished_ || writeShut_ || reading_ ||
-                writing_ || !sends_.empty() || !receives_.empty() || !socket_ ||
-                !inbound_.empty()) {
+            if (!betweenOperations() || !inbound_.empty()) {
                 return -1;
             }
             asio::error_code error;
@@ -220,6 +217,13 @@ private:
         std::size_t maximum;
         ReceiveCompletion completion;
     };
+
+    // Established, still open both ways, and nothing in flight: only then
+    // may a relay have the socket. Under mutex_.
+    bool betweenOperations() const {
+        return strand_ && ready_ && !finished_ && !peerFinished_ && !writeShut_ && !reading_ &&
+               !writing_ && sends_.empty() && receives_.empty() && socket_;
+    }
 
     std::shared_ptr<AsioConnection> self() {
         return std::static_pointer_cast<AsioConnection>(shared_from_this());

@@ -98,16 +98,20 @@ public:
 
     void start(int appSocket, int upstreamSocket) override {
         asio::dispatch(strand_, [self = shared_from_this(), appSocket, upstreamSocket] {
-            std::error_code appError;
-            std::error_code upstreamError;
-            self->app_.assign(appSocket, appError);
-            self->upstream_.assign(upstreamSocket, upstreamError);
-            if (appError) {
-                ::close(appSocket);
-            }
-            if (upstreamError) {
-                ::close(upstreamSocket);
-            }
+            // A side that could not be handed over (-1) ends the relay at
+            // once, the other side closed as for that side's failure.
+            auto take = [](Descriptor& descriptor, int fd) {
+                std::error_code error = std::make_error_code(std::errc::bad_file_descriptor);
+                if (fd >= 0) {
+                    descriptor.assign(fd, error);
+                    if (error) {
+                        ::close(fd);
+                    }
+                }
+                return error;
+            };
+            const auto appError = take(self->app_, appSocket);
+            const auto upstreamError = take(self->upstream_, upstreamSocket);
             if (appError || upstreamError) {
                 self->end(appError ? std::optional(appError.value()) : std::nullopt,
                           upstreamError ? std::optional(upstreamError.value()) : std::nullopt);

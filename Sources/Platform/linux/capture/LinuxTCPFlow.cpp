@@ -54,6 +54,9 @@ struct LinuxTCPFlow::State : std::enable_shared_from_this<LinuxTCPFlow::State> {
     bool firstRead = true;
     bool watching = false; // on the strand
 
+    // Under lock.
+    bool openBothWays() const { return opened && !readClosed && !writeClosed && socket.is_open(); }
+
     // Looks at the socket without taking from it: its end (EOF or an error)
     // is the application gone; bytes end the watch, as the application lives.
     void watch(std::function<void(bool)> onEnd) {
@@ -309,7 +312,7 @@ void LinuxTCPFlow::stopWatching() {
 
 std::optional<KernelStream::Socket> LinuxTCPFlow::kernelSocket() {
     std::lock_guard guard(state_->lock);
-    if (!state_->opened || state_->readClosed || state_->writeClosed || !state_->socket.is_open()) {
+    if (!state_->openBothWays()) {
         return std::nullopt;
     }
     return Socket{state_->socket.native_handle(), &state_->queue, {}};
@@ -317,7 +320,7 @@ std::optional<KernelStream::Socket> LinuxTCPFlow::kernelSocket() {
 
 int LinuxTCPFlow::releaseSocket() {
     std::lock_guard guard(state_->lock);
-    if (!state_->opened || state_->readClosed || state_->writeClosed || !state_->socket.is_open()) {
+    if (!state_->openBothWays()) {
         return -1;
     }
     std::error_code error;
