@@ -5,6 +5,7 @@
 #include "ExtensionCore/Awaitable.hpp"
 
 #include <asio.hpp>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -20,6 +21,10 @@ class Once {
 public:
     explicit Once(Handler handler) : handler_(std::move(handler)) {}
 
+    // The operation has been started and its starter has returned: from now
+    // on a result may resume the coroutine where it arrives.
+    void started() { started_.store(true, std::memory_order_release); }
+
     void complete(Result result) {
         std::optional<Handler> handler;
         {
@@ -31,16 +36,24 @@ public:
             handler_.reset();
         }
         auto executor = asio::get_associated_executor(*handler);
-        // Always posted: the connection may call back from inside the call
-        // that started the operation, and the coroutine must not resume there.
-        asio::post(executor, [handler = std::move(*handler), result = std::move(result)]() mutable {
+        auto resume = [handler = std::move(*handler), result = std::move(result)]() mutable {
             std::move(handler)(std::move(result));
-        });
+        };
+        // A result from inside the call that started the operation is posted:
+        // the coroutine must not resume there. Any later one resumes it in
+        // place when its executor may run here, which saves a trip through
+        // the scheduler for every step of every flow.
+        if (started_.load(std::memory_order_acquire)) {
+            asio::dispatch(executor, std::move(resume));
+        } else {
+            asio::post(executor, std::move(resume));
+        }
     }
 
 private:
     std::mutex lock_;
     std::optional<Handler> handler_;
+    std::atomic<bool> started_{false};
 };
 
 // Awaits one callback-style operation. `begin` receives a copyable callback
@@ -52,6 +65,7 @@ Awaitable<Result> awaitCallback(Begin begin) {
             using Handler = decltype(handler);
             auto once = std::make_shared<Once<Handler, Result>>(std::move(handler));
             begin([once](Result result) { once->complete(std::move(result)); });
+            once->started();
         },
         asio::use_awaitable);
 }

@@ -105,18 +105,20 @@ public:
     void send(std::optional<Bytes> content, SendCompletion completion) override {
         PendingSend op{content ? std::make_shared<Bytes>(std::move(*content)) : nullptr,
                        std::move(completion)};
+        bool started = false;
         {
             std::lock_guard lock(mutex_);
-            if (strand_) {
-                asio::post(*strand_, [self = self(), op = std::move(op)]() mutable {
-                    self->enqueueSend(std::move(op));
-                });
-                return;
-            }
-            if (!cancelledEarly_) {
+            started = strand_.has_value();
+            if (!started && !cancelledEarly_) {
                 sends_.push_back(std::move(op));
                 return;
             }
+        }
+        if (started) {
+            onStrand([self = self(), op = std::move(op)]() mutable {
+                self->enqueueSend(std::move(op));
+            });
+            return;
         }
         if (op.completion) {
             op.completion(cancelledError());
@@ -230,22 +232,44 @@ private:
     }
 
     void submitReceive(PendingReceive op) {
+        bool started = false;
         {
             std::lock_guard lock(mutex_);
-            if (strand_) {
-                asio::post(*strand_, [self = self(), op = std::move(op)]() mutable {
-                    self->enqueueReceive(std::move(op));
-                });
-                return;
-            }
-            if (!cancelledEarly_) {
+            started = strand_.has_value();
+            if (!started && !cancelledEarly_) {
                 receives_.push_back(std::move(op));
                 return;
             }
         }
+        if (started) {
+            onStrand([self = self(), op = std::move(op)]() mutable {
+                self->enqueueReceive(std::move(op));
+            });
+            return;
+        }
         if (op.completion) {
             op.completion(std::nullopt, false, cancelledError());
         }
+    }
+
+    // A protocol client calls from inside this connection's completions, on
+    // the strand: the step then runs at once instead of a trip through the
+    // scheduler. Completions it hands over meanwhile are posted, so none
+    // runs inside the caller's call. `strand_` is set for good by now.
+    template <class Step>
+    void onStrand(Step step) {
+        if (!strand_->running_in_this_thread()) {
+            asio::post(*strand_, std::move(step));
+            return;
+        }
+        struct InCall {
+            int& depth;
+            explicit InCall(int& d) : depth(d) { ++depth; }
+            ~InCall() { --depth; }
+            InCall(const InCall&) = delete;
+            InCall& operator=(const InCall&) = delete;
+        } inCall(callDepth_);
+        step();
     }
 
     // ---- everything below runs on the strand ----
@@ -648,13 +672,26 @@ private:
         });
     }
 
+    // Called on the strand. A success is handed over in place, saving a trip
+    // through the scheduler per step; a failure is posted, so it reaches the
+    // caller after the state change that came with it, and so is anything
+    // handed over inside a caller's own call.
+    template <class Deliver>
+    void hand(bool failed, Deliver deliver) {
+        if (failed || callDepth_ > 0) {
+            asio::post(*strand_, std::move(deliver));
+        } else {
+            asio::dispatch(*strand_, std::move(deliver));
+        }
+    }
+
     void deliverSend(SendCompletion completion, std::optional<NWError> error) {
         if (!completion) {
             return;
         }
-        asio::post(*strand_, [completion = std::move(completion), error = std::move(error)] {
-            completion(error);
-        });
+        const bool failed = error.has_value();
+        hand(failed,
+             [completion = std::move(completion), error = std::move(error)] { completion(error); });
     }
 
     void deliverReceive(ReceiveCompletion completion, std::optional<Bytes> data, bool complete,
@@ -662,8 +699,9 @@ private:
         if (!completion) {
             return;
         }
-        asio::post(*strand_, [completion = std::move(completion), data = std::move(data), complete,
-                              error = std::move(error)]() mutable {
+        const bool failed = error.has_value();
+        hand(failed, [completion = std::move(completion), data = std::move(data), complete,
+                      error = std::move(error)]() mutable {
             completion(std::move(data), complete, error);
         });
     }
@@ -701,6 +739,7 @@ private:
     bool peerFinished_ = false;
     bool finished_ = false;
     bool cancelled_ = false;
+    int callDepth_ = 0;              // callers' steps running in place (onStrand)
     LinkWatch::Token linkToken_ = 0; // while a pinned connection is ready
 };
 
