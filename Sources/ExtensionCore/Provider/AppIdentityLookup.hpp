@@ -20,8 +20,8 @@ struct ProcessLookups {
 };
 
 // The application behind a flow, from what the flow host reports and from the
-// process table. Never fails: what cannot be found stays absent. Keeps no
-// state and may run on any thread.
+// process table. Never fails: what cannot be found stays absent. May run on
+// any thread.
 kit::AppIdentity identity(const platform::NEFlowMetaData& metaData);
 kit::AppIdentity identity(const platform::NEFlowMetaData& metaData, const ProcessLookups& lookups);
 

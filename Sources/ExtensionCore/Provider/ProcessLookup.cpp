@@ -8,11 +8,15 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <csignal>
 #include <fcntl.h>
+#include <mutex>
 #include <pugixml.hpp>
 #include <sys/stat.h>
 #include <tuple>
 #include <unistd.h>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -145,6 +149,46 @@ std::int32_t scopeLeader(std::int32_t pid) {
     return leader ? leader->pid : 0;
 }
 
+// A leader that exited leaves the scope to another member.
+bool alive(std::int32_t pid) {
+    return ::kill(pid, 0) == 0 || errno == EPERM;
+}
+
+// Reading a scope costs a file per member, on every connection of every
+// helper of a browser; the answer changes only when the leader exits or the
+// process moves to another scope, both rare. Remembered per process for two
+// seconds (pids do not come round again that fast), and forgotten early once
+// the leader is gone.
+std::int32_t rememberedScopeLeader(std::int32_t pid) {
+    using Clock = std::chrono::steady_clock;
+    constexpr auto keep = std::chrono::seconds(2);
+    constexpr std::size_t capacity = 4096;
+    struct Known {
+        std::int32_t leader = 0;
+        Clock::time_point at;
+    };
+    static std::mutex lock;
+    static std::unordered_map<std::int32_t, Known> known;
+    const auto now = Clock::now();
+    std::optional<Known> found;
+    {
+        std::lock_guard guard(lock);
+        if (auto entry = known.find(pid); entry != known.end()) {
+            found = entry->second;
+        }
+    }
+    if (found && now - found->at < keep && (found->leader < 1 || alive(found->leader))) {
+        return found->leader;
+    }
+    const auto leader = scopeLeader(pid);
+    std::lock_guard guard(lock);
+    if (known.size() >= capacity) {
+        known.clear();
+    }
+    known.insert_or_assign(pid, Known{leader, now});
+    return leader;
+}
+
 } // namespace
 
 std::optional<std::int32_t> pid(std::span<const std::uint8_t> auditToken) {
@@ -208,7 +252,8 @@ std::optional<std::string> bundleID(std::string_view executablePath) {
 }
 
 ResponsiblePIDFunction responsiblePIDFn() {
-    static const ResponsiblePIDFunction function = cgroup2Mount() ? &scopeLeader : nullptr;
+    static const ResponsiblePIDFunction function =
+        cgroup2Mount() ? &rememberedScopeLeader : nullptr;
     return function;
 }
 

@@ -36,7 +36,8 @@ using ResponsiblePIDFunction = std::int32_t (*)(std::int32_t);
 // On Linux the process a desktop or terminal started for an application leads
 // the application's cgroup scope, and every helper it starts stays in that
 // scope. The function answers with that leader, and is absent when this
-// machine has no cgroup2 hierarchy. Looked up once per process.
+// machine has no cgroup2 hierarchy. Looked up once per process; its answers
+// are remembered for a short while.
 ResponsiblePIDFunction responsiblePIDFn();
 
 // Where the cgroup2 hierarchy is mounted, found once per process.
