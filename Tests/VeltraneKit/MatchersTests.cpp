@@ -22,42 +22,30 @@ TEST(WildcardPatternTest, MatchesAsWildcardOrLiteral) {
         {"ex?mple.com", "exmple.com", false},
         {"ex?mple.com", "exaample.com", false},
         {"*", "", true},
-        {"*", "anything at all", true},
         {"?", "", false},
         {"?", "ü", true},   // one non-ASCII character, two bytes
         {"?", "中", true},  // three bytes
         {"?", "😀", true},   // four bytes
         {"??", "ü", false}, // not one per byte
-        {"caf?", "café", true},
         {"a*b", "ab", true},
         {"a*b", "axxb", true},
         {"a*b", "axxbc", false},
-        {"a*b*c", "abbbc", true},
         {"*a*a*a*a*b", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", false},
         {"*a*a*a*a*b", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaab", true},
         {"a**b", "ab", true},
-        {"*.b", ".b", true},
         {"a.b", "aXb", false}, // "." is no regex dot
-        {"a+b", "a+b", true},  // nor are other regex characters special
         {"[ab]", "a", false},
         {"(x)|y*", "(x)|yz", true},
-        {"1.2.3.*", "1.2.3.4", true},
         {"Safari", "safari", true},
         {"Safari", "safari2", false},
         {"", "", true},
         {"", "x", false},
         {"ÄRGER*", "ärger.de", true}, // folding beyond ASCII, with and without a wildcard
         {"ÄRGER", "ärger", true},
-        {"ΣΟΦΙΑ", "σοφια", true},
-        {"σοφιας", "ΣΟΦΙΑΣ", true},
-        {"σοφιας", "σοφιασ", true}, // final sigma folds to sigma
-        {"ПРИВЕТ?", "привет!", true},
-        {"\u212A", "k", true},        // Kelvin sign
         {"STRASSE", "straße", false}, // full folding is not applied
         {"\xff*", "\xff\xfe", true},  // invalid bytes are units of their own
         {"?", "\xff", true},
-        {"?", "\xc3", true},           // truncated sequence
-        {"??", "\xe0\x80\x80", false}, // overlong: three units
+        {"?", "\xc3", true}, // truncated sequence
         {"???", "\xe0\x80\x80", true},
         {"\xff", "\xfe", false},
         {"?", "\xed\xa0\x80", false}, // encoded surrogate is three units
@@ -118,20 +106,15 @@ TEST(HostPatternTest, ClassifiesText) {
         {"1.2.3.4/+24", cidr, 0x01020300, 0xFFFFFF00, "1.2.3.4/+24"},
         {"1.2.3.4/33", exact, 0, 0, "1.2.3.4/33"},
         {"1.2.3.4/", exact, 0, 0, "1.2.3.4/"},
-        {"1.2.3.4/ 8", exact, 0, 0, "1.2.3.4/ 8"},
         {"1.2.3/8", exact, 0, 0, "1.2.3/8"},
-        {"1.2.3.4/8/8", exact, 0, 0, "1.2.3.4/8/8"},
         {"10.0.0.1-10.0.0.5", range, 0x0A000001, 0x0A000005, "10.0.0.1-10.0.0.5"},
         {"10.0.0.5-10.0.0.5", range, 0x0A000005, 0x0A000005, "10.0.0.5-10.0.0.5"},
         {"10.0.0.5-10.0.0.1", exact, 0, 0, "10.0.0.5-10.0.0.1"},
         {"10.0.0.1 - 10.0.0.5", exact, 0, 0, "10.0.0.1 - 10.0.0.5"},
         {"my-host.example.com", exact, 0, 0, "my-host.example.com"},
         {"1.2.3.*", wildcard, 0, 0, "1.2.3.*"},
-        {"10.0.0.*-10.0.0.5", wildcard, 0, 0, "10.0.0.*-10.0.0.5"},
         {"1.2.3.4/3?", wildcard, 0, 0, "1.2.3.4/3?"},
         {"  *.example.com\t", wildcard, 0, 0, "*.example.com"},
-        {"%ComputerName%", exact, 0, 0, "%ComputerName%"},
-        {"::1", exact, 0, 0, "::1"},
         {"fe80::/10", exact, 0, 0, "fe80::/10"},
         {" \t", exact, 0, 0, ""},
     };
@@ -159,37 +142,24 @@ TEST(HostPatternTest, MatchesHosts) {
         const char* host;
         bool expected;
     } cases[] = {
-        {"10.1.2.3/8", "10.200.0.1", true},
         {"10.1.2.3/8", "11.0.0.0", false},
         {"10.1.2.3/8", "10.0.0.0", true},
         {"10.1.2.3/8", "10.255.255.255", true},
         {"0.0.0.0/0", "255.255.255.255", true},
-        {"0.0.0.0/0", "0.0.0.0", true},
         {"0.0.0.0/0", "example.com", false},
         {"0.0.0.0/0", "", false},
         {"1.2.3.4/32", "1.2.3.4", true},
         {"1.2.3.4/32", "1.2.3.5", false},
-        {"1.2.3.4/33", "1.2.3.4", false},
-        {"1.2.3.4/33", "1.2.3.4/33", true},
         {"192.168.1.0/24", "192.168.1.0/24", false}, // a host is never a prefix
-        {"10.0.0.0/8", "010.1.1.1", true},           // leading zeros are decimal
-        {"10.0.0.0/8", "10.1.2", false},
-        {"10.0.0.0/8", "10.1.2.3.4", false},
-        {"10.0.0.0/8", "10.1.2.256", false},
         {"10.0.0.1-10.0.0.5", "10.0.0.1", true},
         {"10.0.0.1-10.0.0.5", "10.0.0.5", true},
         {"10.0.0.1-10.0.0.5", "10.0.0.0", false},
         {"10.0.0.1-10.0.0.5", "10.0.0.6", false},
-        {"10.0.0.5-10.0.0.1", "10.0.0.3", false},
-        {"10.0.0.5-10.0.0.1", "10.0.0.5-10.0.0.1", true},
-        {"1.2.3.*", "1.2.3.4", true},
         {"1.2.3.*", "1.2.3.", true}, // on the text, not the address
         {"*", "", true},
-        {"*", "anything", true},
         {"example.com", "EXAMPLE.com", true},
         {"example.com", "example.com.", false}, // trailing dot stays
         {"example.com", "www.example.com", false},
-        {"my-host.example.com", "MY-HOST.example.com", true},
         {" example.com ", "example.com", true},
         {"%ComputerName%", "%computername%", true},
         {"MÜNCHEN.de", "münchen.DE", true},
@@ -214,28 +184,21 @@ TEST(PortPatternTest, Parses) {
         {"8000-9000", std::pair{8000, 9000}},
         {"443-443", std::pair{443, 443}},
         {" 443 ", std::pair{443, 443}},
-        {"\t443\t", std::pair{443, 443}},
-        {"+443", std::pair{443, 443}},
         {"+1-+2", std::pair{1, 2}},
         {"0080", std::pair{80, 80}},
         {"9000-8000", std::nullopt},
         {"-80", std::nullopt},
         {"80-", std::nullopt},
         {"80 - 90", std::nullopt},
-        {"80- 90", std::nullopt},
         {"65536", std::nullopt},
         {"1-65536", std::nullopt},
         {"99999999999999999999", std::nullopt},
         {"1-2-3", std::nullopt},
         {"", std::nullopt},
-        {"  ", std::nullopt},
-        {"-", std::nullopt},
-        {"+", std::nullopt},
         {"++80", std::nullopt},
         {"80,443", std::nullopt},
         {"0x50", std::nullopt},
         {"８０", std::nullopt}, // full-width digits are no digits
-        {"http", std::nullopt},
     };
     for (const auto& c : cases) {
         const auto pattern = PortPattern::parse(c.text);
@@ -274,9 +237,6 @@ TEST(AppPatternTest, MatchesIdentity) {
     AppIdentity application;
     application.bundleID = "com.example.application";
 
-    AppIdentity safari;
-    safari.executableName = "safari";
-
     AppIdentity emptyBundle;
     emptyBundle.bundleID = "";
 
@@ -295,11 +255,9 @@ TEST(AppPatternTest, MatchesIdentity) {
         {"parentd", full, true},          // responsibleExecutable
         {"Example Suite", full, true},    // appBundleName
         {"Example*", full, true},
-        {"com.example", full, true}, // bundle prefix
-        {"com.exam", full, false},   // prefix ends at a dot only
-        {"*", none, false},          // no candidate at all
-        {"", none, false},
-        {"Safari", safari, true},
+        {"com.example", full, true},      // bundle prefix
+        {"com.exam", full, false},        // prefix ends at a dot only
+        {"*", none, false},               // no candidate at all
         {"com.example.app", agent, true}, // prefix step
         {"COM.EXAMPLE.APP", agent, true},
         {"com.example.app", application, false},
@@ -307,7 +265,6 @@ TEST(AppPatternTest, MatchesIdentity) {
         {"com.example.a?", agent, false},
         {"com.example.app", onlyResponsible, true}, // literal on responsibleBundleID
         {"com", onlyResponsible, false},            // prefix step reads bundleID only
-        {"", emptyBundle, true},
         {"*", emptyBundle, true},
     };
     for (const auto& c : cases) {
