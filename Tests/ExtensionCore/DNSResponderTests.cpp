@@ -72,7 +72,6 @@ TEST(DNSResponderTest, ParsesTheFirstQuestionOnly) {
         Bytes bytes;
         std::optional<DNSResponder::Question> expected;
     } cases[] = {
-        {"plain A", Query{}.bytes(), DNSResponder::Question{"www.example.com", 1, 1, 33}},
         {"case kept", Query{.labels = {"WwW", "ExAmple", "COM"}}.bytes(),
          DNSResponder::Question{"WwW.ExAmple.COM", 1, 1, 33}},
         {"AAAA in CH", Query{.qtype = 28, .qclass = 3}.bytes(),
@@ -86,17 +85,10 @@ TEST(DNSResponderTest, ParsesTheFirstQuestionOnly) {
          DNSResponder::Question{std::string(63, 'a') + ".io", 1, 1, 12 + 1 + 63 + 1 + 2 + 1 + 4}},
         {"invalid UTF-8 repaired", Query{.labels = {"a\xFF", "b"}}.bytes(),
          DNSResponder::Question{"a\xEF\xBF\xBD.b", 1, 1, 12 + 3 + 2 + 1 + 4}},
-        {"header only", Bytes(12, 0), std::nullopt},
         {"QDCOUNT 0", Query{.qdcount = 0}.bytes(), std::nullopt},
         {"root question", Query{.labels = {}}.bytes(), std::nullopt},
+        // The same limit rules out compression pointers.
         {"64-byte label", Query{.labels = {std::string(64, 'a'), "io"}}.bytes(), std::nullopt},
-        {"compression pointer", Bytes{0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0xC0, 0x0C, 0, 1, 0, 1},
-         std::nullopt},
-        {"label runs past the end", Bytes{0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 5, 'a', 'b'},
-         std::nullopt},
-        {"no terminating zero", Bytes{0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'a'}, std::nullopt},
-        {"type and class cut short", Bytes{0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'a', 0, 0, 1, 0},
-         std::nullopt},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(DNSResponder::parseQuestion(c.bytes), c.expected) << c.name;
@@ -134,14 +126,12 @@ TEST(DNSResponderTest, BuildsTheAnswerLayoutByteForByte) {
         const char* ip;
         std::optional<std::array<std::uint8_t, 4>> octets;
     } cases[] = {
-        {"1.2.3.4", std::array<std::uint8_t, 4>{1, 2, 3, 4}},
         {"1..2.3.4.", std::array<std::uint8_t, 4>{1, 2, 3, 4}}, // empty pieces dropped
         {"x.1.2.3.4", std::array<std::uint8_t, 4>{1, 2, 3, 4}}, // bad pieces skipped
         {"001.2.3.4", std::array<std::uint8_t, 4>{1, 2, 3, 4}},
         {"1.2.3.256", std::nullopt},
         {"1.2.3", std::nullopt},
         {"1.2.3.4.5", std::nullopt},
-        {"", std::nullopt},
     };
     for (const auto& c : cases) {
         const auto built = DNSResponder::buildAResponse(query, 21, c.ip, 60);
@@ -165,10 +155,8 @@ TEST(DNSResponderTest, AnswersOnlyInternetAQueriesForNamesNotExcluded) {
     } cases[] = {
         {"AAAA", Query{.qtype = 28}.bytes(), "www.example.com"},
         {"class CH", Query{.qclass = 3}.bytes(), "www.example.com"},
-        {"single label", Query{.labels = {"localhost"}}.bytes(), "localhost"},
         {"single label not listed", Query{.labels = {"intranet"}}.bytes(), "intranet"},
         {"*.local", Query{.labels = {"printer", "LOCAL"}}.bytes(), "printer.LOCAL"},
-        {"computer name any case", Query{.labels = {"MY-BOX", "LAN"}}.bytes(), "MY-BOX.LAN"},
         {"unparsable", Bytes(12, 0), std::nullopt, true},
         {"A", Query{}.bytes(), std::nullopt},
     };
@@ -213,21 +201,15 @@ TEST(DNSResponderTest, ExclusionsMatchWholeNamesAndWildcardsCrossDots) {
         const char* host;
         bool excluded;
     } cases[] = {
-        {{}, "example.com", false},
-        {{}, "localhost", true}, // no dot: never faked
+        // The wildcards' own rules are WildcardPattern's; here, which way a
+        // pattern goes.
         {{"example.com"}, "EXAMPLE.com", true},
         {{"example.com"}, "www.example.com", false},
         {{"*.example.com"}, "a.b.example.com", true},
-        {{"*.example.com"}, "example.com", false},
         {{"?.example.com"}, "a.example.com", true},
-        {{"?.example.com"}, "ab.example.com", false},
-        {{"*.EXAMPLE.com"}, "www.example.COM", true},
-        {{"a+b.example"}, "a+b.example", true}, // no regex meaning
-        {{"*.a.b"}, "x.axb", false},            // the dot is literal
         {{"%ComputerName%"}, "my-box.LAN", true},
         {{"%ComputerName%"}, "other.lan", false},
-        {{"%computername%"}, "my-box.lan", false},       // only the exact spelling expands
-        {{"%computername%"}, "%COMPUTERNAME%.x", false}, // a literal otherwise
+        {{"%computername%"}, "my-box.lan", false}, // only the exact spelling expands
         {{"nomatch.example", "*.lan"}, "my-box.lan", true},
     };
     for (const auto& c : cases) {
@@ -348,7 +330,6 @@ TEST(DNSResponderTest, DigReadsTheFakeAddressTTLAndQuestion) {
         {"www.example.com", "+noedns", "198.18.0.2"},
         {"WWW.Example.COM", "+edns", "198.18.0.2"}, // same host, any case
         {"MiXeD.CaSe.Example", "+edns", "198.18.0.3"},
-        {"another.example", "+noedns", "198.18.0.4"},
     };
     for (const auto& c : cases) {
         const auto result = run(dig + c.options + " " + c.name + " A");
@@ -378,9 +359,7 @@ TEST(DNSResponderTest, DigSeesPassthroughForWhatIsNotAnswered) {
     } cases[] = {
         {"www.example.com AAAA", "www.example.com"},
         {"www.example.com CH A", "www.example.com"},
-        {"localhost A", "localhost"},
         {"printer.local A", "printer.local"},
-        {"My-Box.Lan A", "My-Box.Lan"},
     };
     for (const auto& c : cases) {
         const auto result = run(dig + c.arguments);
@@ -391,38 +370,6 @@ TEST(DNSResponderTest, DigSeesPassthroughForWhatIsNotAnswered) {
     for (std::size_t i = 0; i < outcomes.size(); ++i) {
         EXPECT_EQ(outcomes[i], DNSResponder::Outcome(DNSResponder::Passthrough{cases[i].name}));
     }
-}
-
-TEST(DNSResponderTest, AnswersTheFirstOfTwoQuestionsOverUDP) {
-    LoopbackDNSServer server(makeResponder());
-    const Bytes query = Query{
-        .id = 0x4242,
-        .qdcount = 2,
-        .labels = {"one", "example"},
-        .trailer = {3, 't', 'w', 'o', 7, 'e', 'x', 'a', 'm', 'p', 'l', 'e', 0, 0, 1, 0,
-                    1}}.bytes();
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(server.port());
-    ASSERT_EQ(
-        ::sendto(fd, query.data(), query.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
-        static_cast<ssize_t>(query.size()));
-    pollfd p{fd, POLLIN, 0};
-    ASSERT_EQ(::poll(&p, 1, 5000), 1);
-    std::uint8_t reply[512];
-    const ssize_t n = ::recv(fd, reply, sizeof reply, 0);
-    ::close(fd);
-    const std::size_t questionEnd = 12 + 13 + 4;
-    ASSERT_EQ(n, static_cast<ssize_t>(questionEnd + 16));
-    EXPECT_EQ(reply[0], 0x42);
-    EXPECT_EQ(reply[5], 2);  // QDCOUNT as sent
-    EXPECT_EQ(reply[7], 1);  // one answer
-    EXPECT_EQ(reply[11], 0); // no additional records
-    EXPECT_TRUE(std::equal(query.begin() + 12, query.begin() + questionEnd, reply + 12));
-    EXPECT_EQ((Bytes{reply + n - 4, reply + n}), (Bytes{198, 18, 0, 2}));
-    EXPECT_EQ(server.outcomes().size(), 1u);
 }
 
 } // namespace

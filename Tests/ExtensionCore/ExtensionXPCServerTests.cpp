@@ -1,12 +1,10 @@
 #include "ExtensionCore/Control/ExtensionXPCServer.hpp"
 #include "ExtensionCore/Control/StatsCollector.hpp"
-#include "VeltraneKit/DTOCoding.hpp"
 #include "VeltraneKit/ExtensionControlClient.hpp"
 
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -133,8 +131,6 @@ TEST(ExtensionXPCServerTest, AnswersEachRequestLineWithOneReplyLine) {
         {R"({"id":1,"selector":"fetchStatsWithReply:"})", R"({"id":1,"reply":[)" + stats + "]}"},
         {R"({"arguments":[3],"selector":"fetchEventsSinceToken:reply:"})",
          R"({"reply":[[],3]})"}, // up to date: an empty array, not null
-        {R"({"arguments":[99],"selector":"fetchEventsSinceToken:reply:"})", R"({"reply":[[],3]})"},
-        {"", R"({"error":"the request is not JSON"})"},
         {"{\"selector\":", R"({"error":"the request is not JSON"})"},
         {"[1,2]", R"({"error":"the request is not a JSON object"})"},
         {R"({"id":5})", R"({"error":"the request names no selector","id":5})"},
@@ -157,16 +153,6 @@ TEST(ExtensionXPCServerTest, AnswersEachRequestLineWithOneReplyLine) {
                                     R"(,"selector":"fetchEventsSinceToken:reply:"})";
         EXPECT_NE(server.handleLine(request).find("\"error\":"), std::string::npos) << arguments;
     }
-    // Events come in order, keys sorted, dates as ISO 8601 text.
-    auto reply = kit::DTOCoding::parse(
-        server.handleLine(R"({"arguments":[1],"selector":"fetchEventsSinceToken:reply:"})"));
-    ASSERT_TRUE(reply);
-    const auto& values = (*reply)["reply"];
-    ASSERT_EQ(values.size(), 2u);
-    EXPECT_EQ(values[1], 3);
-    ASSERT_EQ(values[0].size(), 2u);
-    EXPECT_EQ(values[0][0]["host"], "h2");
-    EXPECT_EQ(values[0][1]["date"], "2023-11-14T22:13:20Z");
 }
 
 TEST(ExtensionXPCServerTest, ServesARealClientOverTheSocketWithMode0660) {
@@ -174,7 +160,6 @@ TEST(ExtensionXPCServerTest, ServesARealClientOverTheSocketWithMode0660) {
     StatsCollector collector([] { return kNow; });
     ExtensionXPCServer server(&collector);
     server.startAtPath(dir / "control.sock");
-    EXPECT_EQ(server.socketPath(), dir / "control.sock");
     struct stat st {};
     ASSERT_EQ(::lstat((dir / "control.sock").c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
@@ -212,7 +197,6 @@ TEST(ExtensionXPCServerTest, BadRequestsGetErrorRepliesOnAConnectionThatStaysUsa
     RawClient raw(dir / "c.sock");
     ASSERT_TRUE(raw.connected());
     EXPECT_EQ(raw.ask("this is not json"), R"({"error":"the request is not JSON"})");
-    EXPECT_EQ(raw.ask(R"({"selector":"nope"})"), R"({"error":"unknown selector \"nope\""})");
     // Longer than any request may be: one error, the rest of the line dropped.
     EXPECT_EQ(raw.ask(std::string(200 * 1024, 'x')),
               R"({"error":"request longer than 65536 bytes"})");

@@ -63,6 +63,8 @@ TEST(SOCKS5HandshakeTest, ExchangesAgainstScriptedProxy) {
         std::optional<SOCKSError> expectedError = std::nullopt;
         std::size_t expectedUnread = 0;
     } cases[] = {
+        // A full exchange with credentials, and UDP ASSOCIATE with an IPv6
+        // reply, are checked byte for byte in the client's tests.
         {"no credentials, IPv4 reply, application bytes stay unread",
          noCredentials,
          Command::connect,
@@ -72,34 +74,13 @@ TEST(SOCKS5HandshakeTest, ExchangesAgainstScriptedProxy) {
          SOCKS5Handshake::Established{"10.0.0.1", 8080},
          std::nullopt,
          8},
-        {"credentials offered and used",
-         userPass,
-         Command::connect,
-         exampleCom,
-         concat({hex("05 02 01 00"), replyIPv4}),
-         {hex("05 02 00 02"), hex("01 04 75736572 04 70617373"), connectExample},
-         SOCKS5Handshake::Established{"10.0.0.1", 8080}},
-        {"empty password still sends the user name and PLEN 0",
-         kit::ProxyCredentials{"user", ""},
-         Command::connect,
-         exampleCom,
-         concat({hex("05 02 01 00"), replyIPv4}),
-         {hex("05 02 00 02"), hex("01 04 75736572 00"), connectExample},
-         SOCKS5Handshake::Established{"10.0.0.1", 8080}},
-        {"empty user name counts as credentials",
+        {"empty user name and password count as credentials",
          kit::ProxyCredentials{"", ""},
          Command::connect,
          exampleCom,
          concat({hex("05 02 01 00"), replyIPv4}),
          {hex("05 02 00 02"), hex("01 00 00"), connectExample},
          SOCKS5Handshake::Established{"10.0.0.1", 8080}},
-        {"reply ATYP 3 names the bound host",
-         noCredentials,
-         Command::connect,
-         exampleCom,
-         hex("05 00 05 00 00 03 05 72656c6179 0035"),
-         {hex("05 01 00"), connectExample},
-         SOCKS5Handshake::Established{"relay", 53}},
         {"reply ATYP 3 with invalid UTF-8 is repaired",
          noCredentials,
          Command::connect,
@@ -109,20 +90,6 @@ TEST(SOCKS5HandshakeTest, ExchangesAgainstScriptedProxy) {
          SOCKS5Handshake::Established{"a\xEF\xBF\xBD"
                                       "b",
                                       53}},
-        {"reply ATYP 4 gives ::",
-         noCredentials,
-         Command::connect,
-         exampleCom,
-         concat({hex("05 00 05 00 00 04"), Bytes(16, 0xAB), hex("9c40")}),
-         {hex("05 01 00"), connectExample},
-         SOCKS5Handshake::Established{"::", 40000}},
-        {"UDP ASSOCIATE request",
-         noCredentials,
-         Command::udpAssociate,
-         SOCKS5Destination::ipv4("0.0.0.0", 0),
-         hex("05 00 05 00 00 01 7f000001 9c40"),
-         {hex("05 01 00"), hex("05 03 00 01 00000000 0000")},
-         SOCKS5Handshake::Established{"127.0.0.1", 40000}},
         {"IPv4 destination",
          noCredentials,
          Command::connect,
@@ -220,15 +187,6 @@ TEST(SOCKS5HandshakeTest, ExchangesAgainstScriptedProxy) {
          std::nullopt,
          SOCKSError::handshakeFailed(),
          6},
-        {"REP 5 reads nothing further",
-         noCredentials,
-         Command::connect,
-         exampleCom,
-         hex("05 00 05 05 00 01 7f000001 0050"),
-         {hex("05 01 00"), connectExample},
-         std::nullopt,
-         SOCKSError::requestRejected(5),
-         6},
         {"REP judged before ATYP",
          noCredentials,
          Command::connect,
@@ -264,7 +222,6 @@ TEST(SOCKS5HandshakeTest, ProxyClosingAtEveryStepGivesShortRead) {
         std::optional<kit::ProxyCredentials> credentials;
         Bytes proxyOutput;
     } cases[] = {
-        {"IPv4 reply", noCredentials, concat({hex("05 00"), replyIPv4})},
         {"authenticated, domain reply", userPass, hex("05 02 01 00 05 00 00 03 02 6869 0050")},
         {"IPv6 reply", noCredentials,
          concat({hex("05 00 05 00 00 04"), Bytes(16, 1), hex("0050")})},
@@ -331,13 +288,11 @@ TEST(SOCKS5HandshakeTest, LenientIPv4Text) {
         const char* text;
         Bytes expected;
     } cases[] = {
-        {"1.2.3.4", hex("01020304")},
         {"1..2.3.4.", hex("01020304")},    // empty pieces dropped
         {"1.2.x.3.4", hex("01020304")},    // unparsable piece skipped
         {"001.+2.3.255", hex("010203ff")}, // leading zeros, sign
         {"1.2.3.256", hex("00000000")},    // 256 is no 8-bit number
         {"1.2.3.4.5", hex("00000000")},    // five numbers
-        {"", hex("00000000")},
         {"-0.1.2.3", hex("00010203")},
     };
     for (const auto& c : cases) {
@@ -348,20 +303,16 @@ TEST(SOCKS5HandshakeTest, LenientIPv4Text) {
     }
 }
 
+// The messages with something filled in; the fixed ones would only repeat
+// their text.
 TEST(SOCKS5HandshakeTest, MessagesAreQuotedTexts) {
     struct Case {
         SOCKSError error;
         const char* message;
     } cases[] = {
         {SOCKSError::connectionFailed("Connection refused"), "无法连接代理：Connection refused"},
-        {SOCKSError::unsupportedAuth(0xff), "代理要求不支持的认证方式 (0xff)"},
         {SOCKSError::unsupportedAuth(1), "代理要求不支持的认证方式 (0x1)"},
-        {SOCKSError::requestRejected(5), "代理拒绝了连接请求 (REP=0x5)"},
         {SOCKSError::requestRejected(0x1a), "代理拒绝了连接请求 (REP=0x1a)"},
-        {SOCKSError::handshakeFailed(), "SOCKS5 握手失败"},
-        {SOCKSError::authRequired(), "代理要求认证，但未配置用户名密码"},
-        {SOCKSError::authFailed(), "代理认证失败（用户名或密码可能不对）"},
-        {SOCKSError::shortRead(), "代理连接意外关闭"},
         {SOCKSError::valueTooLong(SOCKSError::Field::domain),
          "目标域名超过 255 字节，SOCKS5 无法发送"},
     };

@@ -1,7 +1,9 @@
 #include "Platform/BypassMark.hpp"
 #include "Platform/linux/LinuxConnection.hpp"
+#include "Support/EchoServers.hpp"
 #include "Support/NWPrinters.hpp"
 #include "Support/NetNamespace.hpp"
+#include "Support/Peers.hpp"
 #include "Support/PoolQueue.hpp"
 
 #include <asio.hpp>
@@ -13,7 +15,6 @@
 #include <latch>
 #include <linux/capability.h>
 #include <mutex>
-#include <netdb.h>
 #include <string>
 #include <sys/syscall.h>
 #include <thread>
@@ -193,11 +194,6 @@ tcp::acceptor listeningAcceptor(asio::io_context& io, const std::string& address
     return tcp::acceptor(io, tcp::endpoint(asio::ip::make_address(address), 0));
 }
 
-std::uint16_t closedPort(asio::io_context& io) {
-    tcp::acceptor acceptor = listeningAcceptor(io);
-    return acceptor.local_endpoint().port();
-}
-
 awaitable<std::string> replyAfterEnd(tcp::acceptor acceptor) {
     tcp::socket socket = co_await acceptor.async_accept(use_awaitable);
     std::string seen;
@@ -238,25 +234,6 @@ awaitable<int> writeInChunks(tcp::acceptor acceptor, std::vector<std::size_t> si
     co_return 0;
 }
 
-awaitable<std::string> echoExactly(tcp::acceptor acceptor, std::size_t count) {
-    tcp::socket socket = co_await acceptor.async_accept(use_awaitable);
-    std::string data(count, '\0');
-    co_await asio::async_read(socket, asio::buffer(data), use_awaitable);
-    co_await asio::async_write(socket, asio::buffer(data), use_awaitable);
-    co_return data;
-}
-
-awaitable<int> echoDatagrams(udp::socket socket, int count) {
-    std::array<char, 65536> buffer;
-    for (int i = 0; i < count; ++i) {
-        udp::endpoint from;
-        std::size_t size =
-            co_await socket.async_receive_from(asio::buffer(buffer), from, use_awaitable);
-        co_await socket.async_send_to(asio::buffer(buffer.data(), size), from, use_awaitable);
-    }
-    co_return count;
-}
-
 class NWConnectionTest : public ::testing::Test {
 protected:
     PeerLoop peer;
@@ -267,7 +244,7 @@ protected:
 TEST_F(NWConnectionTest, StartEndsReadyOrFailedWithTheRightError) {
     tcp::acceptor listening = listeningAcceptor(peer.io());
     const std::uint16_t open = listening.local_endpoint().port();
-    const std::uint16_t closed = closedPort(peer.io());
+    const std::uint16_t closed = test::freeLoopbackPort(SOCK_STREAM);
 
     struct {
         const char* name;
@@ -278,14 +255,6 @@ TEST_F(NWConnectionTest, StartEndsReadyOrFailedWithTheRightError) {
         std::optional<NWError> error;
     } cases[] = {
         {"address literal", "127.0.0.1", open, NWParameters::tcp(), NWConnectionState::ready, {}},
-        {"name from /etc/hosts",
-         "localhost",
-         open,
-         NWParameters::tcp(),
-         NWConnectionState::ready,
-         {}},
-        {"refused", "127.0.0.1", closed, NWParameters::tcp(), NWConnectionState::failed,
-         NWError::posix(ECONNREFUSED)},
         {"refused after resolving", "localhost", closed, NWParameters::tcp(),
          NWConnectionState::failed, NWError::posix(ECONNREFUSED)},
         {"datagram needs no listener",
@@ -303,7 +272,6 @@ TEST_F(NWConnectionTest, StartEndsReadyOrFailedWithTheRightError) {
         {"empty interface name", "127.0.0.1", open, NWParameters{NWParameters::Transport::udp, ""},
          NWConnectionState::failed, NWError::posix(ENODEV)},
     };
-    static_assert(ECONNREFUSED == 111);
 
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -401,16 +369,8 @@ TEST_F(NWConnectionTest, ReceiveStaysWithinItsBounds) {
         std::size_t minimum, maximum;
         std::size_t effectiveMinimum, effectiveMaximum;
     } cases[] = {
-        {1, 1, 1, 1},
-        {1, 32768, 1, 32768},
-        {5, 5, 5, 5},
-        {3, 7, 3, 7},
-        {4096, 4096, 4096, 4096},
-        {10000, 20000, 10000, 20000},
-        {0, 16, 1, 16},
-        {10, 4, 4, 4},
-        {1, 0, 1, 1},
-        {total, total, total, total},
+        {1, 1, 1, 1},  {3, 7, 3, 7}, {10000, 20000, 10000, 20000}, {0, 16, 1, 16},
+        {10, 4, 4, 4}, {1, 0, 1, 1}, {total, total, total, total},
     };
 
     for (const auto& c : cases) {
@@ -446,42 +406,33 @@ TEST_F(NWConnectionTest, ReceiveStaysWithinItsBounds) {
 }
 
 TEST_F(NWConnectionTest, SendsAndReceivesBeforeReadyAreHeld) {
-    for (const char* host : {"127.0.0.1", "localhost"}) {
-        SCOPED_TRACE(host);
-        tcp::acceptor acceptor = listeningAcceptor(peer.io());
-        const auto port = acceptor.local_endpoint().port();
-        auto echoed = peer.spawn(echoExactly(std::move(acceptor), 6));
+    test::TCPEchoServer echo;
+    // A name, so the operations also wait out the resolution.
+    StateLog log;
+    auto connection = service.makeConnection("localhost", echo.port(), NWParameters::tcp());
+    connection->setStateUpdateHandler(log.handler());
+    auto first = sendOnce(*connection, bytesOf("abc"));
+    auto second = sendOnce(*connection, bytesOf("def"));
+    auto reply = receiveOnce(*connection, 6, 6);
+    connection->start(queue.context());
 
-        StateLog log;
-        auto connection = service.makeConnection(host, port, NWParameters::tcp());
-        connection->setStateUpdateHandler(log.handler());
-        auto first = sendOnce(*connection, bytesOf("abc"));
-        auto second = sendOnce(*connection, bytesOf("def"));
-        auto reply = receiveOnce(*connection, 6, 6);
-        connection->start(queue.context());
-
-        EXPECT_EQ(await(first), std::nullopt);
-        EXPECT_EQ(await(second), std::nullopt);
-        EXPECT_EQ(await(echoed), "abcdef");
-        Received got = await(reply);
-        EXPECT_FALSE(got.error);
-        EXPECT_EQ(textOf(got.data), "abcdef");
-        auto settled = log.settled();
-        ASSERT_TRUE(settled);
-        EXPECT_EQ(settled->first, NWConnectionState::ready);
-        connection->cancel();
-    }
+    EXPECT_EQ(await(first), std::nullopt);
+    EXPECT_EQ(await(second), std::nullopt);
+    Received got = await(reply);
+    EXPECT_FALSE(got.error);
+    EXPECT_EQ(textOf(got.data), "abcdef");
+    auto settled = log.settled();
+    ASSERT_TRUE(settled);
+    EXPECT_EQ(settled->first, NWConnectionState::ready);
+    connection->cancel();
 }
 
 TEST_F(NWConnectionTest, DatagramsKeepTheirBoundaries) {
     const std::vector<std::size_t> sizes = {1, 0, 512, 1472, 9000, 3};
     for (bool asMessage : {true, false}) {
         SCOPED_TRACE(asMessage ? "receiveMessage" : "receive(1, 16)");
-        udp::socket echo(peer.io(), udp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
-        const auto port = echo.local_endpoint().port();
-        auto echoed = peer.spawn(echoDatagrams(std::move(echo), static_cast<int>(sizes.size())));
-
-        auto connection = service.makeConnection("127.0.0.1", port, NWParameters::udp());
+        test::UDPEchoServer echo;
+        auto connection = service.makeConnection("127.0.0.1", echo.port(), NWParameters::udp());
         connection->start(queue.context());
         std::vector<std::future<std::optional<NWError>>> sent;
         for (std::size_t i = 0; i < sizes.size(); ++i) {
@@ -497,7 +448,6 @@ TEST_F(NWConnectionTest, DatagramsKeepTheirBoundaries) {
             EXPECT_EQ(*got.data, pattern(i, sizes[i])) << "datagram " << i;
             EXPECT_EQ(await(sent[i]), std::nullopt);
         }
-        EXPECT_EQ(await(echoed), static_cast<int>(sizes.size()));
         connection->cancel();
     }
 }
@@ -505,8 +455,8 @@ TEST_F(NWConnectionTest, DatagramsKeepTheirBoundaries) {
 TEST_F(NWConnectionTest, DatagramsToAClosedPortEndInRefusal) {
     // Without the refusal, a reader would wait for an answer that never comes.
     StateLog log;
-    auto connection =
-        service.makeConnection("127.0.0.1", closedPort(peer.io()), NWParameters::udp());
+    auto connection = service.makeConnection("127.0.0.1", test::freeLoopbackPort(SOCK_DGRAM),
+                                             NWParameters::udp());
     connection->setStateUpdateHandler(log.handler());
     connection->start(queue.context());
     auto sent = sendOnce(*connection, bytesOf("anyone?"));
@@ -587,7 +537,7 @@ TEST(NWConnectionCancelTest, CancelEndsPendingOperationsOnce) {
             PoolQueue queue;
             asio::io_context peerIo;
             tcp::acceptor listening = listeningAcceptor(peerIo);
-            const auto port = c.when == When::afterFailure ? closedPort(peerIo)
+            const auto port = c.when == When::afterFailure ? test::freeLoopbackPort(SOCK_STREAM)
                                                            : listening.local_endpoint().port();
             LinuxConnectionService service;
             auto connection = service.makeConnection("127.0.0.1", port, NWParameters::tcp());
@@ -759,10 +709,7 @@ TEST(NWConnectionRouteTest, MarkAndRequiredInterfaceDecideTheWayOut) {
                              "ip route add 10.203.0.1/32 via 10.201.0.2 dev a0 && "
                              "ip route add 10.203.0.1/32 via 10.202.0.2 dev a1 table 100 && "
                              "ip rule add fwmark " +
-                             std::string(mark) +
-                             " lookup 100 && "
-                             "ip link add gone0 type veth peer name gone1 && "
-                             "ip link del gone0"));
+                             std::string(mark) + " lookup 100"));
     ASSERT_TRUE(server->must("ip link set lo up && ip addr add 10.203.0.1/32 dev lo && "
                              "ip addr add 10.201.0.2/24 dev b0 && ip link set b0 up && "
                              "ip addr add 10.202.0.2/24 dev b1 && ip link set b1 up"));
@@ -786,17 +733,13 @@ TEST(NWConnectionRouteTest, MarkAndRequiredInterfaceDecideTheWayOut) {
         const char* name;
         Transport transport;
         std::optional<std::string> interface;
-        std::string source; // empty: the connection fails
-        int errorCode;
+        std::string source;
     } cases[] = {
-        {"marked stream", Transport::tcp, std::nullopt, "10.202.0.1", 0},
-        {"stream pinned to a0", Transport::tcp, "a0", "10.201.0.1", 0},
-        {"stream pinned to a1", Transport::tcp, "a1", "10.202.0.1", 0},
-        {"marked datagrams", Transport::udp, std::nullopt, "10.202.0.1", 0},
-        {"datagrams pinned to a0", Transport::udp, "a0", "10.201.0.1", 0},
-        {"datagrams pinned to a1", Transport::udp, "a1", "10.202.0.1", 0},
-        {"stream pinned to a removed interface", Transport::tcp, "gone0", "", ENODEV},
-        {"datagrams pinned to a removed interface", Transport::udp, "gone0", "", ENODEV},
+        {"marked stream", Transport::tcp, std::nullopt, "10.202.0.1"},
+        // The mark alone would send it by a1: the pin must win.
+        {"stream pinned to a0", Transport::tcp, "a0", "10.201.0.1"},
+        {"marked datagrams", Transport::udp, std::nullopt, "10.202.0.1"},
+        {"datagrams pinned to a0", Transport::udp, "a0", "10.201.0.1"},
     };
 
     PoolQueue queue(2, client.get());
@@ -811,11 +754,6 @@ TEST(NWConnectionRouteTest, MarkAndRequiredInterfaceDecideTheWayOut) {
         connection->start(queue.context());
         auto settled = log.settled();
         ASSERT_TRUE(settled);
-        if (c.source.empty()) {
-            EXPECT_EQ(settled->first, NWConnectionState::failed);
-            EXPECT_EQ(settled->second, NWError::posix(c.errorCode));
-            continue;
-        }
         ASSERT_EQ(settled->first, NWConnectionState::ready)
             << (settled->second ? settled->second->localizedDescription() : "");
         if (stream) {
@@ -832,23 +770,8 @@ TEST(NWConnectionRouteTest, MarkAndRequiredInterfaceDecideTheWayOut) {
 }
 
 TEST(NWErrorTest, CarriesDomainCodeAndText) {
-    struct {
-        NWError error;
-        NWError::Domain domain;
-        int code;
-        std::string domainName;
-    } cases[] = {
-        {NWError::posix(ECONNREFUSED), NWError::Domain::posix, 111, "POSIX"},
-        {NWError::posix(ENODEV), NWError::Domain::posix, ENODEV, "POSIX"},
-        {NWError::dns(EAI_NONAME), NWError::Domain::dns, EAI_NONAME, "DNS"},
-        {NWError::dns(EAI_AGAIN), NWError::Domain::dns, EAI_AGAIN, "DNS"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.error.domain, c.domain);
-        EXPECT_EQ(c.error.code, c.code);
-        EXPECT_EQ(c.error.domainName(), c.domainName);
-        EXPECT_FALSE(c.error.localizedDescription().empty());
-    }
+    // The DNS domain is checked where a real lookup fails.
+    EXPECT_EQ(NWError::posix(ECONNREFUSED).domainName(), "POSIX");
     EXPECT_EQ(NWError::posix(ECONNREFUSED).localizedDescription(), "Connection refused");
     EXPECT_NE(NWError::posix(ECONNREFUSED), NWError::posix(ECONNRESET));
     EXPECT_EQ((NWError{NWError::Domain::posix, 99999, ""}).localizedDescription(),

@@ -36,25 +36,19 @@ TEST(AppIdentifier, CgroupPaths) {
     } cases[] = {
         {user + "app-gnome-firefox-1234.scope", "firefox"},
         {user + "app-org.gnome.Terminal-5678.scope", "org.gnome.Terminal"},
-        {user + "app-flatpak-org.mozilla.firefox-123.scope", "org.mozilla.firefox"},
         {user + "app-gnome-google\\x2dchrome-42.scope", "google-chrome"},
         {user + "app-gnome-my-app-42.scope", "my-app"}, // hyphens left unescaped
         {user + "app-org.kde.kalendarac@autostart.service", "org.kde.kalendarac"},
-        {user + "app-gnome-firefox@12ab.service", "firefox"},
         {user + "app-gnome-firefox.service", "firefox"},
         {user + "app-firefox-9876.service", "firefox"},
-        {user + "app-firefox.service", "firefox"},
         {user + "app-gnome-firefox-1234.scope/helper", "firefox"},
         {user + "app-gnome-firefox-1234.scope/snap.firefox.firefox-0f1e2d3c.scope", "firefox"},
-        {user + "snap.spotify.spotify-0f1e2d3c.scope", "spotify"},
         {"/system.slice/snap.lxd.daemon.service", "lxd"},
         {"/user.slice/user-1000.slice/session-3.scope", std::nullopt},
-        {"/user.slice/user-1000.slice/user@1000.service", std::nullopt},
         {user + "app-org.gnome.Terminal.slice/vte-spawn-0f1e2d3c.scope", std::nullopt},
         {"/system.slice/snap.lxd.scope", std::nullopt},
         {user + "app-gnome-\\x07-1.scope", std::nullopt},
         {user + "app--1.scope", std::nullopt},
-        {"/", std::nullopt},
         {"", std::nullopt},
     };
     for (const auto& c : cases) {
@@ -73,7 +67,6 @@ TEST(AppIdentifier, FlatpakInfo) {
          "org.x.Y"},
         {"[Runtime]\nname=org.gnome.Platform\n", std::nullopt},
         {"name=org.mozilla.firefox\n", std::nullopt},
-        {"", std::nullopt},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(appIdFromFlatpakInfo(c.info), c.id) << c.info;
