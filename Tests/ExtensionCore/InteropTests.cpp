@@ -4,7 +4,6 @@
 #include "ExtensionCore/Clients/NetworkError.hpp"
 #include "ExtensionCore/Clients/SOCKS5Client.hpp"
 #include "ExtensionCore/Clients/UDPRelay.hpp"
-#include "ExtensionCore/Errors/ErrorHumanizer.hpp"
 #include "ExtensionCore/TestBytes.hpp"
 #include "ExtensionCore/TestQueue.hpp"
 #include "Platform/linux/LinuxConnection.hpp"
@@ -130,20 +129,10 @@ TEST_F(InteropTest, MicrosocksWithUserNameAndPassword) {
     auto wrong = failure<SOCKSError>(loopbackProxy(kit::ProxyProtocol::socks5, socks->port(),
                                                    kit::ProxyCredentials{"alice", "wrong"}));
     EXPECT_EQ(wrong, SOCKSError::authFailed());
-    EXPECT_EQ(ErrorHumanizer::humanize(*wrong), "代理认证失败 — 检查用户名和密码");
 
     auto none = failure<SOCKSError>(loopbackProxy(kit::ProxyProtocol::socks5, socks->port()));
     EXPECT_EQ(none, SOCKSError::authRequired());
     EXPECT_EQ(none->localizedDescription(), "代理要求认证，但未配置用户名密码");
-}
-
-TEST_F(InteropTest, DanteConnect) {
-    std::string whyNot;
-    auto dante = test::startDante(whyNot);
-    if (!dante) {
-        GTEST_SKIP() << whyNot;
-    }
-    expectTunnel(loopbackProxy(kit::ProxyProtocol::socks5, dante->port()));
 }
 
 TEST_F(InteropTest, DanteUDPAssociateCarriesDatagramsBothWays) {
@@ -202,15 +191,6 @@ TEST_F(InteropTest, DanteUDPAssociateCarriesDatagramsBothWays) {
     EXPECT_EQ(std::get<2>(*closed), std::nullopt);
 }
 
-TEST_F(InteropTest, TinyproxyConnect) {
-    std::string whyNot;
-    auto http = test::startTinyproxy(whyNot);
-    if (!http) {
-        GTEST_SKIP() << whyNot;
-    }
-    expectTunnel(loopbackProxy(kit::ProxyProtocol::http, http->port()));
-}
-
 TEST_F(InteropTest, TinyproxyWithBasicAuthentication) {
     std::string whyNot;
     auto http = test::startTinyproxy(whyNot, UserPass{"bob", "hunter2"});
@@ -220,14 +200,11 @@ TEST_F(InteropTest, TinyproxyWithBasicAuthentication) {
     expectTunnel(loopbackProxy(kit::ProxyProtocol::http, http->port(),
                                kit::ProxyCredentials{"bob", "hunter2"}));
 
-    // Without credentials the proxy asks for them with 407, which reads as a
-    // failed authentication whatever was configured.
+    // Without credentials the proxy asks for them with 407.
     auto missing = failure<HTTPProxyError>(loopbackProxy(kit::ProxyProtocol::http, http->port()));
     ASSERT_TRUE(missing);
     EXPECT_EQ(missing->kind(), HTTPProxyError::Case::rejected);
     EXPECT_EQ(missing->status(), 407);
-    EXPECT_EQ(missing->localizedDescription(), "代理认证失败（用户名或密码可能不对）");
-    EXPECT_EQ(ErrorHumanizer::humanize(*missing), "代理认证失败（用户名或密码可能不对）");
 
     // This proxy answers wrong credentials with 401, not 407; the client
     // judges by the status alone and reports the proxy's own words.
@@ -235,16 +212,6 @@ TEST_F(InteropTest, TinyproxyWithBasicAuthentication) {
                                                        kit::ProxyCredentials{"bob", "nope"}));
     ASSERT_TRUE(wrong);
     EXPECT_EQ(*wrong, HTTPProxyError::rejected(401, "Unauthorized"));
-    EXPECT_EQ(ErrorHumanizer::humanize(*wrong), "代理拒绝了连接（HTTP 401 Unauthorized）");
-}
-
-TEST_F(InteropTest, SquidConnect) {
-    std::string whyNot;
-    auto http = test::startSquid(whyNot);
-    if (!http) {
-        GTEST_SKIP() << whyNot;
-    }
-    expectTunnel(loopbackProxy(kit::ProxyProtocol::http, http->port()));
 }
 
 TEST_F(InteropTest, SquidWithBasicAuthentication) {
@@ -253,28 +220,9 @@ TEST_F(InteropTest, SquidWithBasicAuthentication) {
     if (!http) {
         GTEST_SKIP() << whyNot;
     }
+    // A colon in the password: the proxy splits the pair at the first one.
     expectTunnel(loopbackProxy(kit::ProxyProtocol::http, http->port(),
                                kit::ProxyCredentials{"carol", "p4ss:word"}));
-
-    // This proxy answers both missing and wrong credentials with 407.
-    const struct {
-        const char* name;
-        std::optional<kit::ProxyCredentials> credentials;
-    } cases[] = {
-        {"wrong password", kit::ProxyCredentials{"carol", "p4ss:wore"}},
-        {"unknown user", kit::ProxyCredentials{"mallory", "p4ss:word"}},
-        {"none", std::nullopt},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        auto refused = failure<HTTPProxyError>(
-            loopbackProxy(kit::ProxyProtocol::http, http->port(), c.credentials));
-        ASSERT_TRUE(refused);
-        EXPECT_EQ(refused->kind(), HTTPProxyError::Case::rejected);
-        EXPECT_EQ(refused->status(), 407);
-        EXPECT_EQ(refused->localizedDescription(), "代理认证失败（用户名或密码可能不对）");
-        EXPECT_EQ(ErrorHumanizer::humanize(*refused), "代理认证失败（用户名或密码可能不对）");
-    }
 }
 
 TEST_F(InteropTest, NothingListening) {
@@ -283,8 +231,6 @@ TEST_F(InteropTest, NothingListening) {
     ASSERT_TRUE(socks);
     EXPECT_EQ(socks->kind(), SOCKSError::Case::connectionFailed);
     EXPECT_EQ(socks->reason(), platform::NWError::posix(ECONNREFUSED).localizedDescription());
-    EXPECT_EQ(ErrorHumanizer::humanize(*socks),
-              "连不上代理服务器 — 它可能没在运行，或地址端口填错了");
 
     auto http = failure<HTTPProxyError>(loopbackProxy(kit::ProxyProtocol::http, port));
     ASSERT_TRUE(http);

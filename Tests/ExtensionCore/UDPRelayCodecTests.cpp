@@ -23,21 +23,6 @@ TEST(UDPRelayCodecTest, Encapsulate) {
         {"IPv4", "8.8.8.8", 53, bytes("abc"), hex("000000 01 08080808 0035 616263")},
         {"host name", "dns.google", 443, bytes("x"),
          concat({hex("000000 03 0a"), bytes("dns.google"), hex("01bb"), bytes("x")})},
-        {"IPv6 goes out as text",
-         "2001:db8::1",
-         443,
-         {},
-         concat({hex("000000 03 0b"), bytes("2001:db8::1"), hex("01bb")})},
-        {"three numbers are a name",
-         "1.2.3",
-         1,
-         {},
-         concat({hex("000000 03 05"), bytes("1.2.3"), hex("0001")})},
-        {"256 is no octet",
-         "1.2.3.256",
-         1,
-         {},
-         concat({hex("000000 03 09"), bytes("1.2.3.256"), hex("0001")})},
         {"255-byte host", max, 0xffff, {}, concat({hex("000000 03 ff"), bytes(max), hex("ffff")})},
         {"256-byte host is not framed", max + "h", 1, bytes("x"), std::nullopt},
     };
@@ -63,12 +48,7 @@ TEST(UDPRelayCodecTest, Decapsulate) {
         {"name with invalid UTF-8", hex("0000 00 03 02 c328 0001"), D{{}, "\xEF\xBF\xBD(", 1}},
         {"IPv6 sender is ::", concat({hex("0000 00 04"), Bytes(16, 7), hex("0050 aa")}),
          D{hex("aa"), "::", 80}},
-        {"four bytes", hex("0000 00 01"), std::nullopt},
         {"FRAG 1", hex("0000 01 01 08080808 0035 61"), std::nullopt},
-        {"IPv4 without port", hex("0000 00 01 08080808"), std::nullopt},
-        {"IPv4 with half a port", hex("0000 00 01 08080808 00"), std::nullopt},
-        {"name longer than frame", hex("0000 00 03 05 6162 0001"), std::nullopt},
-        {"IPv6 short", concat({hex("0000 00 04"), Bytes(15, 0)}), std::nullopt},
         {"unknown ATYP", hex("0000 00 05 08080808 0035"), std::nullopt},
     };
     for (const auto& c : cases) {
@@ -99,11 +79,9 @@ TEST(UDPRelayCodecTest, IPv4Octets) {
         std::optional<O> expected;
     } cases[] = {
         {"1.2.3.4", O{1, 2, 3, 4}},  {"255.255.255.255", O{255, 255, 255, 255}},
-        {"1..2.3.4", O{1, 2, 3, 4}}, {".1.2.3.4.", O{1, 2, 3, 4}},
-        {"01.2.3.4", O{1, 2, 3, 4}}, {"1.2.3", std::nullopt},
-        {"1.2.3.4.5", std::nullopt}, {"1.2.3.x", std::nullopt},
-        {"1.2.3.256", std::nullopt}, {"", std::nullopt},
-        {"1.2.3. 4", std::nullopt},  {"::1", std::nullopt},
+        {"1..2.3.4", O{1, 2, 3, 4}}, {"01.2.3.4", O{1, 2, 3, 4}},
+        {"1.2.3", std::nullopt},     {"1.2.3.4.5", std::nullopt},
+        {"1.2.3.x", std::nullopt},   {"1.2.3.256", std::nullopt},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);

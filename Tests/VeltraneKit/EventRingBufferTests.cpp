@@ -35,14 +35,6 @@ std::vector<int> ports(const std::vector<ConnectionEvent>& events) {
     return out;
 }
 
-std::vector<int> range(int first, int last) {
-    std::vector<int> out;
-    for (int i = first; i <= last; ++i) {
-        out.push_back(i);
-    }
-    return out;
-}
-
 TEST(EventRingBufferTest, KeepsTheNewestInAppendOrderAcrossWrapAround) {
     struct {
         std::int64_t capacity;
@@ -50,11 +42,11 @@ TEST(EventRingBufferTest, KeepsTheNewestInAppendOrderAcrossWrapAround) {
         std::int64_t head;
         std::vector<int> kept;
     } cases[] = {
-        {0, 3, 0, {3}}, // below 1 means 1: only the latest
-        {-7, 2, 0, {2}},      {1, 1, 0, {1}},       {1, 2, 0, {2}}, // head wraps straight back to 0
-        {3, 2, 0, {1, 2}},    {3, 3, 0, {1, 2, 3}},                 // exactly full: head still 0
-        {3, 4, 1, {2, 3, 4}},                                       // one over: index 0 overwritten
-        {3, 5, 2, {3, 4, 5}}, {3, 6, 0, {4, 5, 6}}, {3, 7, 1, {5, 6, 7}}, {5, 13, 3, range(9, 13)},
+        {0, 3, 0, {3}},                             // below 1 means 1: only the latest
+        {-7, 2, 0, {2}},      {1, 2, 0, {2}},       // head wraps straight back to 0
+        {3, 2, 0, {1, 2}},    {3, 3, 0, {1, 2, 3}}, // exactly full: head still 0
+        {3, 4, 1, {2, 3, 4}},                       // one over: index 0 overwritten
+        {3, 6, 0, {4, 5, 6}},
     };
     for (const auto& c : cases) {
         EventRingBuffer ring(c.capacity);
@@ -88,18 +80,14 @@ TEST(EventRingBufferTest, FiltersThenLimitsToTheNewestMatches) {
         {"limit keeps the newest, oldest first", none, none, std::nullopt, 2, {4, 5}},
         {"limit zero", none, none, std::nullopt, 0, {}},
         {"negative limit gives none", none, none, std::nullopt, -1, {}},
-        {"app in capitals", "SAFARI", none, std::nullopt, 10, {1, 5}},
         {"app matches the bundle id only", "mozilla", none, std::nullopt, 10, {3}},
         {"app name or bundle id", "fire", none, std::nullopt, 10, {3, 4}},
-        {"no bundle id: name alone", "curl", none, std::nullopt, 10, {2}},
         {"host substring", none, "github", std::nullopt, 10, {2, 5}},
         {"host ignores case beyond ASCII", none, "école", std::nullopt, 10, {4}},
         {"both filters", "safari", "GITHUB", std::nullopt, 10, {5}},
         {"limit after filters", none, "github", std::nullopt, 1, {5}},
         {"since keeps an event exactly at it", none, none, kT0 + 3s, 10, {3, 4, 5}},
-        {"since in the future", none, none, kT0 + 1h, 10, {}},
         {"empty filter text matches all", "", "", std::nullopt, 10, {1, 2, 3, 4, 5}},
-        {"nothing matches", "nobody", none, std::nullopt, 10, {}},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(ports(ring.snapshot(c.app, c.host, c.since, c.limit)), c.expected) << c.name;

@@ -204,15 +204,14 @@ TEST(ExtensionControlClientTest, NothingListeningIsNotRunning) {
     std::strcpy(address.sun_path, stale.c_str());
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     ::close(fd);
-    for (const std::string& path :
-         {base + "/absent.sock", stale, base + "/no/such/dir.sock", std::string(200, 'x')}) {
+    for (const std::string& path : {base + "/absent.sock", stale, std::string(200, 'x')}) {
         ExtensionControlClient client(path);
         EXPECT_EQ(failureOf([&] { client.ping(); }), Kind::notRunning) << path;
-        EXPECT_NE(ExtensionControlError(Kind::notRunning, path, "")
-                      .localizedDescription()
-                      .find("no extension is running"),
-                  std::string::npos);
     }
+    EXPECT_NE(ExtensionControlError(Kind::notRunning, stale, "")
+                  .localizedDescription()
+                  .find("no extension is running"),
+              std::string::npos);
     ::unlink(stale.c_str());
     ::rmdir(base.c_str());
 }
