@@ -7,22 +7,8 @@ root=$2
 profile=$root/examples/default-profile.json
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-failures=0
-
-expect() { # name, expected exit status, expected substring, command...
-    local name=$1 status=$2 needle=$3
-    shift 3
-    local out rc
-    out=$("$@" 2>&1)
-    rc=$?
-    if [ "$rc" != "$status" ] || [[ "$out" != *"$needle"* ]]; then
-        echo "FAIL $name: status $rc (want $status), output:"
-        echo "$out"
-        failures=$((failures + 1))
-    else
-        echo "ok   $name"
-    fi
-}
+# shellcheck source=../e2e/check.sh
+. "$(dirname "$0")/../e2e/check.sh"
 
 expect "socks route" 0 "route: proxy Local SOCKS (127.0.0.1:1080 socks5)" \
     "$veltrane" test-route --profile "$profile" --app curl --host example.com --port 443
@@ -75,4 +61,4 @@ expect "scan --add without service" 1 "not running" inhome scan proxies --add
 tunnels=$("$veltrane" scan tunnels --json)
 [[ $tunnels == \[*\] ]] || { echo "FAIL scan tunnels --json: $tunnels"; failures=$((failures + 1)); }
 
-[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
+finish

@@ -7,33 +7,11 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 export VELTRANE_STORE_DIR=$tmp/store XDG_RUNTIME_DIR=$tmp/run HOME=$tmp/home
 mkdir -p "$tmp/run/veltrane" "$tmp/home/Documents"
-failures=0
+# shellcheck source=../e2e/check.sh
+. "$(dirname "$0")/../e2e/check.sh"
 
-expect() { # name, expected exit status, expected substring, command...
-    local name=$1 status=$2 needle=$3
-    shift 3
-    local out rc
-    out=$("$@" 2>&1)
-    rc=$?
-    if [ "$rc" != "$status" ] || [[ "$out" != *"$needle"* ]]; then
-        echo "FAIL $name: status $rc (want $status), output:"
-        echo "$out"
-        failures=$((failures + 1))
-    else
-        echo "ok   $name"
-    fi
-}
-
-json() { # name, command...: succeeds and prints one JSON document
-    local name=$1
-    shift
-    if "$@" --json 2>/dev/null | python3 -m json.tool >/dev/null; then
-        echo "ok   $name"
-    else
-        echo "FAIL $name: not JSON"
-        failures=$((failures + 1))
-    fi
-}
+# Whether the command, given --json, prints one JSON document.
+is_json() { "$@" --json 2>/dev/null | python3 -m json.tool >/dev/null; }
 
 v() { "$veltrane" "$@"; }
 
@@ -119,18 +97,18 @@ expect "discover" 0 "$tmp/home/Documents/found.ppx" v discover
 expect "env bind unknown" 1 "" v env bind Nope
 expect "env" 0 "network:" v env
 
-json "profile list json" v profile list
-json "rule list json" v rule list
-json "proxy list json" v proxy list
-json "write verb json" v rule enable Mail
-json "test-route json" v test-route --app curl --host example.org --port 80
-json "import json" v import "$tmp/work.ppx"
-json "discover json" v discover
-json "env json" v env
+check "profile list json" is_json v profile list
+check "rule list json" is_json v rule list
+check "proxy list json" is_json v proxy list
+check "write verb json" is_json v rule enable Mail
+check "test-route json" is_json v test-route --app curl --host example.org --port 80
+check "import json" is_json v import "$tmp/work.ppx"
+check "discover json" is_json v discover
+check "env json" is_json v env
 
 expect "unknown verb" 2 "" v rule frob
 expect "verb needed" 2 "" v profile
 expect "bad port" 2 "" v test-route --app a --host b --port 70000
 expect "help" 0 "--json" v rule add --help
 
-[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
+finish

@@ -7,51 +7,12 @@
 set -u
 veltrane=$1
 root=$2
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root for network namespaces"
-    exit 77
-fi
-# shellcheck source=../../scripts/lib/netns-lab.sh
-. "$root/scripts/lib/netns-lab.sh"
-# shellcheck source=check.sh
-. "$root/Tests/e2e/check.sh"
-# Sockets of this run's own, beside its own store.
-export XDG_RUNTIME_DIR=$lab_dir/run
-mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
-run_pid=
-cleanup() {
-    [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null && wait "$run_pid" 2>/dev/null
-    [ "$failures" -eq 0 ] || cat "$lab_dir/earlier-runs.log" "$lab_dir/run.log" 2>/dev/null
-    lab_down
-}
-trap cleanup EXIT
+# shellcheck source=lab-run.sh
+. "$root/Tests/e2e/lab-run.sh"
 
-# Until `pattern` shows in the run's log (5 s at most).
-logged() {
-    local i
-    for i in $(seq 100); do
-        grep -q "$1" "$lab_dir/run.log" && return 0
-        sleep 0.05
-    done
-    return 1
-}
-origin_saw() { tail -n 1 "$lab_dir/origin.log" | grep -q "^$1 "; }
 fetch() { lab_in curl -sS --max-time 5 http://origin.example/ >/dev/null 2>&1; }
 # Fills the neighbour table for a gateway, with a client no rule names.
 touch_gateway() { lab_in bash -c "exec 3<>/dev/tcp/$1/80" 2>/dev/null; }
-start_run() {
-    "$veltrane" run --netns "$lab_client" "$@" >>"$lab_dir/run.log" 2>&1 &
-    run_pid=$!
-    logged "automation service on" && logged "capture running"
-}
-stop_run() {
-    kill "$run_pid" 2>/dev/null
-    wait "$run_pid" 2>/dev/null
-    run_pid=
-    # The next run's lines are awaited on their own.
-    cat "$lab_dir/run.log" >>"$lab_dir/earlier-runs.log"
-    : >"$lab_dir/run.log"
-}
 
 lab_up || exit 1
 lab_in ip route add default via 192.0.2.2
@@ -68,7 +29,7 @@ lab_in ip link set vtb"$lab_id" up
 "$veltrane" profile create Lab >/dev/null
 "$veltrane" proxy add --name S --address 192.0.2.2 --port 1080 --proto socks5 >/dev/null
 
-start_run || { cat "$lab_dir/run.log"; exit 1; }
+start_run || exit 1
 check "the store's active profile is in effect" logged 'profile "Lab" from the store'
 fetch
 check "before any rule, curl goes direct" origin_saw 192.0.2.1
@@ -118,7 +79,7 @@ stop_run
 
 "$veltrane" run --netns "$lab_client" --listen-port 12399 --print-rules --json >"$lab_dir/printed.json"
 check "printing the rules installs nothing" bash -c "! ip netns exec '$lab_client' nft list tables | grep -q ."
-start_run --automation-read-only --listen-port 12399 || { cat "$lab_dir/run.log"; exit 1; }
+start_run --automation-read-only --listen-port 12399 || exit 1
 lab_in nft -j list ruleset >"$lab_dir/installed.json"
 # The same rules but for handles and the transparent UDP port, free at each start.
 check "the printed rules are the ones run installs" python3 - "$lab_dir/printed.json" "$lab_dir/installed.json" <<'PY'
@@ -138,4 +99,4 @@ check "and says why" grep -q "read-only" "$lab_dir/ro.out"
 check "but answers reads" grep -q '"name":"Lab"' "$lab_dir/list.out"
 stop_run
 
-[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
+finish

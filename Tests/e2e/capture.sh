@@ -5,40 +5,13 @@
 set -u
 veltrane=$1
 root=$2
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root for network namespaces"
-    exit 77
-fi
-# shellcheck source=../../scripts/lib/netns-lab.sh
-. "$root/scripts/lib/netns-lab.sh"
-# shellcheck source=check.sh
-. "$root/Tests/e2e/check.sh"
-run_pid=
-cleanup() {
-    [ -n "$run_pid" ] && kill -9 "$run_pid" 2>/dev/null
-    lab_down
-}
-trap cleanup EXIT
+# shellcheck source=lab-run.sh
+. "$root/Tests/e2e/lab-run.sh"
+# A run left over by a failed check is killed outright.
+exit_signal=KILL
 
-start_run() { # [profile]: starts `veltrane run` in the client namespace, waits for capture
-    "$veltrane" run --netns "$lab_client" ${1:+--profile "$1"} 2>>"$lab_dir/run.log" &
-    run_pid=$!
-    local i
-    for i in $(seq 200); do
-        [ "$(grep -c 'capture running' "$lab_dir/run.log")" -ge "$runs" ] && return 0
-        kill -0 "$run_pid" 2>/dev/null || break
-        sleep 0.05
-    done
-    echo "veltrane run did not come up:"
-    cat "$lab_dir/run.log"
-    return 1
-}
-
-# The origin's log line for the last request, by the client address it saw.
-origin_saw() { tail -n 1 "$lab_dir/origin.log" | grep -q "^$1 "; }
 fetch() { lab_in "$@" >/dev/null 2>"$lab_dir/client.err"; }
 events() { "$veltrane" events --json 2>/dev/null; }
-tables_left() { lab_in nft list tables 2>/dev/null | grep -q .; }
 
 lab_up || exit 1
 lab_srv python3 "$root/Tests/e2e/echo-server.py" 443 >/dev/null 2>&1 &
@@ -100,8 +73,7 @@ profile["rules"].insert(0, dict(profile["rules"][0], id="D3E0C0DE-0000-4000-8000
 print(json.dumps(profile))
 EOF
 profile=$lab_dir/profile.json
-runs=1
-start_run "$profile" || exit 1
+start_run --profile "$profile" || exit 1
 
 fetch curl -sS --max-time 5 http://origin.example/
 check "curl reaches the origin through the proxy" origin_saw 192.0.2.2
@@ -158,8 +130,7 @@ check "kill -9 leaves no table behind" bash -c "! ip netns exec $lab_client nft 
 fetch curl -sS --max-time 5 http://origin.example/
 check "after kill -9 curl goes direct" origin_saw 192.0.2.1
 
-runs=2
-check "a restart works" start_run "$profile"
+check "a restart works" start_run --profile "$profile"
 fetch curl -sS --max-time 5 http://origin.example/
 check "after the restart curl is carried again" origin_saw 192.0.2.2
 
@@ -173,9 +144,7 @@ check "the running download finishes" wait "$download"
 check "the download is whole" test "$(stat -c %s "$lab_dir/big.out")" -eq 20000000
 fetch curl -sS --max-time 5 http://origin.example/
 check "the next connection follows the new rules" origin_saw 192.0.2.1
-kill "$run_pid"
-wait "$run_pid" 2>/dev/null
-run_pid=
+stop_run
 check "a clean exit removes the tables" bash -c "! ip netns exec $lab_client nft list tables | grep -q ."
 
 # Bad input.
@@ -183,15 +152,9 @@ check "a clean exit removes the tables" bash -c "! ip netns exec $lab_client nft
 check "an unknown namespace is exit status 2" test $? -eq 2
 check "an unknown namespace is said plainly" grep -q "no network namespace vt-no-such-namespace" "$lab_dir/bad.log"
 printf '{"not": "a profile"' >"$lab_dir/broken.json"
-runs=3
-check "a broken profile still runs" start_run "$lab_dir/broken.json"
+check "a broken profile still runs" start_run --profile "$lab_dir/broken.json"
 check "a broken profile is one clear line" grep -q "is not a JSON profile" "$lab_dir/run.log"
 fetch curl -sS --max-time 5 http://origin.example/
 check "without a profile everything goes direct" origin_saw 192.0.2.1
 
-if [ "$failures" -ne 0 ]; then
-    echo "--- veltrane run log"
-    cat "$lab_dir/run.log"
-    echo "$failures failure(s)"
-    exit 1
-fi
+finish

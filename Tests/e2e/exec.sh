@@ -8,33 +8,10 @@
 set -u
 veltrane=$1
 root=$2
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root for network namespaces"
-    exit 77
-fi
-# shellcheck source=../../scripts/lib/netns-lab.sh
-. "$root/scripts/lib/netns-lab.sh"
-# shellcheck source=check.sh
-. "$root/Tests/e2e/check.sh"
-export XDG_RUNTIME_DIR=$lab_dir/run
-mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
-run_pid=
-cleanup() {
-    [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null && wait "$run_pid" 2>/dev/null
-    [ "$failures" -eq 0 ] || cat "$lab_dir/run.log" "$lab_dir"/*.out 2>/dev/null
-    lab_down
-}
-trap cleanup EXIT
+# shellcheck source=lab-run.sh
+. "$root/Tests/e2e/lab-run.sh"
+show_failure() { cat "$run_log" "$lab_dir"/*.out 2>/dev/null; }
 
-logged() {
-    local i
-    for i in $(seq 100); do
-        grep -q "$1" "$lab_dir/run.log" && return 0
-        sleep 0.05
-    done
-    return 1
-}
-origin_saw() { tail -n 1 "$lab_dir/origin.log" | grep -q "^$1 "; }
 status_is() { test "$status" -eq "$1"; }
 # Scopes left behind in the cgroup tree by any exec of this run.
 no_scope_left() {
@@ -60,9 +37,8 @@ check "on its running-system line" grep -q "^FAIL running system: no automation 
 
 "$veltrane" profile create Lab >/dev/null
 "$veltrane" proxy add --name S --address 192.0.2.2 --port 1080 --proto socks5 >/dev/null
-"$veltrane" run --netns "$lab_client" >>"$lab_dir/run.log" 2>&1 &
-run_pid=$!
-logged "automation service on" && logged "capture running" || { cat "$lab_dir/run.log"; exit 1; }
+# shellcheck disable=SC2119 # no options: the store's profile
+start_run || exit 1
 
 lab_in "$veltrane" exec --as tool --via proxy:S -- curl -sS --max-time 5 http://origin.example/ \
     >"$lab_dir/exec.out" 2>&1
@@ -105,4 +81,4 @@ assert other["status"] == "warn" and "table inet other: chain early" in other["d
 assert lines["running system"]["status"] == "ok"
 ' "$lab_dir/doctor-other.out"
 
-[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
+finish

@@ -7,49 +7,15 @@
 set -u
 veltrane=$1
 root=$2
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root for network namespaces"
-    exit 77
-fi
+# shellcheck source=lab-run.sh
+. "$root/Tests/e2e/lab-run.sh"
 if [ ! -x /usr/sbin/dnsmasq ]; then
     echo "skipped: dnsmasq is not installed (scripts/bootstrap installs it)"
     exit 77
 fi
-# shellcheck source=../../scripts/lib/netns-lab.sh
-. "$root/scripts/lib/netns-lab.sh"
-# shellcheck source=check.sh
-. "$root/Tests/e2e/check.sh"
-run_pid=
-cleanup() {
-    [ -n "$run_pid" ] && kill -9 "$run_pid" 2>/dev/null
-    lab_down
-}
-trap cleanup EXIT
-# The runtime directory, and so the fake-address table, is the lab's own.
-export XDG_RUNTIME_DIR=$lab_dir/runtime
-mkdir -p -m 0700 "$XDG_RUNTIME_DIR"
+# A run left over by a failed check is killed outright.
+exit_signal=KILL
 
-runs=0
-start_run() { # [run options...]: `veltrane run` in the client namespace, until it captures
-    runs=$((runs + 1))
-    "$veltrane" run --netns "$lab_client" --profile "$profile" "$@" 2>>"$lab_dir/run.log" &
-    run_pid=$!
-    local i
-    for i in $(seq 200); do
-        [ "$(grep -c 'capture running' "$lab_dir/run.log")" -ge "$runs" ] && return 0
-        kill -0 "$run_pid" 2>/dev/null || break
-        sleep 0.05
-    done
-    echo "veltrane run did not come up:"
-    cat "$lab_dir/run.log"
-    return 1
-}
-stop_run() {
-    kill "$run_pid" 2>/dev/null
-    wait "$run_pid" 2>/dev/null
-    run_pid=
-}
-origin_saw() { tail -n 1 "$lab_dir/origin.log" | grep -q "^$1 "; }
 is_fake() { [[ $1 =~ ^198\.1[89]\. ]]; }
 ask() { lab_in dig +short +time=2 +tries=1 "$@" 2>/dev/null | tr '\n' ' '; }
 
@@ -94,7 +60,7 @@ lab_in dnsmasq --keep-in-foreground --conf-file=/dev/null --no-resolv --no-hosts
     --server=192.0.2.2 >"$lab_dir/stub.log" 2>&1 &
 lab_pids+=($!)
 echo "nameserver 127.0.0.1" >/etc/netns/"$lab_client"/resolv.conf
-for i in $(seq 100); do
+for _ in $(seq 100); do
     [ -n "$(ask origin.test)" ] && break
     sleep 0.05
 done
@@ -117,13 +83,13 @@ profile=$lab_dir/profile.json
 # Without --fake-dns nothing about DNS changes, whatever the profile says.
 plain_a=$(ask origin.test)
 plain_aaaa=$(ask AAAA six.test)
-start_run || exit 1
+start_run --profile "$profile" || exit 1
 check "without --fake-dns an A answer is untouched" test "$(ask origin.test)" = "$plain_a"
 check "without --fake-dns an AAAA answer is untouched" test "$(ask AAAA six.test)" = "$plain_aaaa"
 check "without --fake-dns nothing is kept" test ! -e "$XDG_RUNTIME_DIR/veltrane/fake-dns.json"
 stop_run
 
-start_run --fake-dns || exit 1
+start_run --profile "$profile" --fake-dns || exit 1
 check "the host says DNS is captured" grep -q "DNS captured" "$lab_dir/run.log"
 fake=$(lab_in getent hosts origin.test | awk '{ print $1 }')
 check "getent hosts through the stub gives a fake address ($fake)" is_fake "$fake"
@@ -160,16 +126,11 @@ check "the table is private" test "$(stat -c %a "$XDG_RUNTIME_DIR/veltrane/fake-
 # A restart: an application that still holds an address from before.
 banner_fake=$(ask banner.test)
 stop_run
-start_run --fake-dns || exit 1
+start_run --profile "$profile" --fake-dns || exit 1
 ssh_to "${banner_fake% }"
 check "after a restart an old fake address still reaches its name" \
     test "$(grep -c "upstream 192.0.2.2:1080 for banner.test:2222" "$lab_dir/run.log")" -eq 2
 stop_run
 check "veltrane dns says when nothing answers" bash -c "'$veltrane' dns | grep -q '^mode      off'"
 
-if [ "$failures" -ne 0 ]; then
-    echo "--- veltrane run log"
-    cat "$lab_dir/run.log"
-    echo "$failures failure(s)"
-    exit 1
-fi
+finish

@@ -11,20 +11,13 @@ veltrane=$1
 root=$2
 crowd=${FAULT_CROWD:-2000}
 soak=${FAULT_SOAK:-2000}
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root for network namespaces"
-    exit 77
-fi
-# shellcheck source=../../scripts/lib/netns-lab.sh
-. "$root/scripts/lib/netns-lab.sh"
-# shellcheck source=check.sh
-. "$root/Tests/e2e/check.sh"
-run_pid=
-cleanup() {
-    [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null && wait "$run_pid" 2>/dev/null
-    lab_down
+# shellcheck source=lab-run.sh
+. "$root/Tests/e2e/lab-run.sh"
+# Thousands of flows leave a long log: its end tells.
+show_failure() {
+    echo "--- veltrane run log (last 40 lines)"
+    tail -n 40 "$run_log"
 }
-trap cleanup EXIT
 
 client() { timeout 20 ip netns exec "$lab_client" python3 "$root/Tests/e2e/fault-client.py" "$@"; }
 
@@ -32,8 +25,7 @@ client() { timeout 20 ip netns exec "$lab_client" python3 "$root/Tests/e2e/fault
 # for port $1, within 15 s (an application that only finished sending gets a
 # grace period).
 events_complete() {
-    local i
-    for i in $(seq 30); do
+    for _ in $(seq 30); do
         events_of "$@" >/dev/null && return 0
         sleep 0.5
     done
@@ -56,8 +48,7 @@ print(json.load(sys.stdin)["activeConnections"])'; }
 
 # Waits up to five seconds for nothing to be active.
 settled() {
-    local i
-    for i in $(seq 100); do
+    for _ in $(seq 100); do
         [ "$(active)" = 0 ] && return 0
         sleep 0.05
     done
@@ -99,12 +90,7 @@ print(json.dumps({"schemaVersion": 1, "id": "F0000000-0000-4000-8000-00000000000
                   "general": {"loopDetection": True, "failsafeOnCrash": True},
                   "environments": []}))
 EOF
-"$veltrane" run --netns "$lab_client" --profile "$lab_dir/profile.json" 2>"$lab_dir/run.log" &
-run_pid=$!
-for _ in $(seq 200); do
-    grep -q "capture running" "$lab_dir/run.log" && break
-    sleep 0.05
-done
+start_run --profile "$lab_dir/profile.json" || exit 1
 fds_before=$(extension_fds)
 
 while read -r port mode name; do
@@ -162,8 +148,4 @@ check "no socket left behind ($fds_before before, $fds_after after)" \
     test "$fds_after" -le $((fds_before + 2))
 check "kept pipes stay within their bound ($(extension_pipes))" test "$(extension_pipes)" -le 520
 
-if [ "$failures" -ne 0 ]; then
-    echo "--- veltrane run log (last 40 lines)"
-    tail -n 40 "$lab_dir/run.log"
-fi
-exit $((failures > 0))
+finish

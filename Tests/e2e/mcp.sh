@@ -6,46 +6,15 @@
 set -u
 veltrane=$1
 root=$2
-if [ "$(id -u)" -ne 0 ]; then
-    echo "skipped: needs root for network namespaces"
-    exit 77
-fi
+# shellcheck source=lab-run.sh
+. "$root/Tests/e2e/lab-run.sh"
 peer=$root/Tests/e2e/mcp-client
 if [ ! -d "$peer/node_modules/@modelcontextprotocol/sdk" ]; then
     echo "FAIL the MCP SDK is not installed in $peer (run scripts/bootstrap)"
     exit 1
 fi
-# shellcheck source=../../scripts/lib/netns-lab.sh
-. "$root/scripts/lib/netns-lab.sh"
-# shellcheck source=check.sh
-. "$root/Tests/e2e/check.sh"
-export XDG_RUNTIME_DIR=$lab_dir/run
-mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
-run_pid=
-cleanup() {
-    [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null && wait "$run_pid" 2>/dev/null
-    [ "$failures" -eq 0 ] || { cat "$lab_dir/run.log"; cat "$lab_dir"/mcp-*.out; }
-    lab_down
-}
-trap cleanup EXIT
+show_failure() { cat "$run_log" "$lab_dir"/mcp-*.out; }
 
-start_run() {
-    "$veltrane" run --netns "$lab_client" "$@" >>"$lab_dir/run.log" 2>&1 &
-    run_pid=$!
-    local i
-    for i in $(seq 100); do
-        grep -q "automation service on" "$lab_dir/run.log" && return 0
-        sleep 0.05
-    done
-    return 1
-}
-stop_run() {
-    kill "$run_pid" 2>/dev/null
-    wait "$run_pid" 2>/dev/null
-    run_pid=
-    cat "$lab_dir/run.log" >>"$lab_dir/earlier-runs.log"
-    : >"$lab_dir/run.log"
-}
 drive() { # name, steps (JSON): the client's lines in $lab_dir/mcp-NAME.out
     node "$peer/drive.mjs" "$veltrane" "$2" >"$lab_dir/mcp-$1.out" 2>>"$lab_dir/mcp-$1.err"
 }
@@ -72,7 +41,7 @@ check "the status names the active profile" step served get_status false Lab
 check "a route is set" step served set_route false 'routed "curl" to proxy:S'
 check "and tested, with its trace" step served test_route false "命中「App: curl」"
 lab_in curl -sS --max-time 5 http://origin.example/ >/dev/null 2>&1
-check "the next connection follows it" bash -c "tail -n 1 '$lab_dir/origin.log' | grep -q '^192.0.2.2 '"
+check "the next connection follows it" origin_saw 192.0.2.2
 drive connections '[["call", "query_connections", {"app": "curl"}]]'
 check "connections are read back" step connections query_connections false '"ruleName": "App: curl"'
 stop_run
@@ -92,4 +61,4 @@ check "malformed JSON gets a parse error" grep -q '"code":-32700' "$lab_dir/raw.
 check "and the server answers the next request" grep -q '"id":7,"jsonrpc":"2.0","result":{}' "$lab_dir/raw.out"
 check "an unknown method is named as such" grep -q '"code":-32601' "$lab_dir/raw.out"
 
-[ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
+finish
