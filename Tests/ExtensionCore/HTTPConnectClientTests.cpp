@@ -3,7 +3,7 @@
 #include "ExtensionCore/Clients/PrefixedConnection.hpp"
 #include "ExtensionCore/TestBytes.hpp"
 #include "ExtensionCore/TestQueue.hpp"
-#include "Platform/memory/MemoryConnection.hpp"
+#include "Support/ScriptedProxy.hpp"
 
 #include <cerrno>
 #include <gtest/gtest.h>
@@ -13,12 +13,12 @@ namespace {
 
 using platform::Bytes;
 using platform::MemoryConnection;
-using platform::MemoryConnectionService;
 using platform::NWConnectionState;
 using platform::NWError;
 using test::bytes;
 using test::concat;
 using test::errorOf;
+using test::ScriptedProxy;
 using test::TestQueue;
 using test::text;
 
@@ -35,13 +35,12 @@ const Bytes okHead = bytes("HTTP/1.1 200 Connection established\r\n\r\n");
 
 TEST(HTTPConnectClientTest, TunnelBytesAfterTheHeaderReachTheFlowFirst) {
     TestQueue queue;
-    MemoryConnectionService service;
-    auto connection = MemoryConnection::make();
-    service.enqueue(connection);
+    ScriptedProxy proxy;
+    auto& connection = proxy.connection;
     connection->peerSend(concat({okHead, bytes("SSH-2.0-x")}));
     connection->peerSend(bytes("\r\nmore"));
 
-    HTTPConnectClient client(httpProxy(kit::ProxyCredentials{"u", "p"}), service, queue.io());
+    HTTPConnectClient client(httpProxy(kit::ProxyCredentials{"u", "p"}), proxy.service, queue.io());
     auto upstream = queue.await(client.connect("example.com", 22));
 
     EXPECT_EQ(text(connection->record().sent()), "CONNECT example.com:22 HTTP/1.1\r\n"
@@ -51,7 +50,7 @@ TEST(HTTPConnectClientTest, TunnelBytesAfterTheHeaderReachTheFlowFirst) {
     EXPECT_EQ(connection->record().sends.size(), 1u);
     using Limits = std::vector<std::pair<std::size_t, std::size_t>>;
     EXPECT_EQ(connection->record().receiveLimits, (Limits{{1, 4096}}));
-    auto requests = service.requests();
+    auto requests = proxy.service.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].host, "192.0.2.20");
     EXPECT_EQ(requests[0].port, 3128);
@@ -70,28 +69,21 @@ TEST(HTTPConnectClientTest, TunnelBytesAfterTheHeaderReachTheFlowFirst) {
 
 TEST(HTTPConnectClientTest, HeaderBlockOneByteAtATime) {
     TestQueue queue;
-    MemoryConnectionService service;
-    auto connection = MemoryConnection::make();
-    service.enqueue(connection);
+    ScriptedProxy proxy;
     auto response = bytes("HTTP/1.0 200 OK\r\nVia: 1.1 proxy\r\n\r\n");
     for (auto b : response) {
-        connection->peerSend({b});
+        proxy.connection->peerSend({b});
     }
-    HTTPConnectClient client(httpProxy(), service, queue.io());
+    HTTPConnectClient client(httpProxy(), proxy.service, queue.io());
     auto upstream = queue.await(client.connect("2001:db8::1", 443));
     // Nothing came after the block, so the connection itself is handed back.
-    EXPECT_EQ(upstream, connection);
-    EXPECT_EQ(connection->record().receiveCalls, response.size());
+    EXPECT_EQ(upstream, proxy.connection);
+    EXPECT_EQ(proxy.connection->record().receiveCalls, response.size());
 }
 
 TEST(HTTPConnectClientTest, FailingAtEveryStepGivesThatStepsError) {
     const NWError reset = NWError::posix(ECONNRESET);
-    struct Case {
-        std::string name;
-        std::function<void(MemoryConnection&)> script;
-        HTTPProxyError expected;
-    };
-    const Case cases[] = {
+    const std::vector<test::ScriptedFailure<HTTPProxyError>> cases = {
         {"start fails",
          [](MemoryConnection& c) {
              c.setStartStates({{NWConnectionState::failed, NWError::posix(ECONNREFUSED)}});
@@ -115,8 +107,6 @@ TEST(HTTPConnectClientTest, FailingAtEveryStepGivesThatStepsError) {
              c.failReceive(1, reset);
          },
          HTTPProxyError::connectionFailed(reset.localizedDescription())},
-        {"closed before anything", [](MemoryConnection& c) { c.peerFinish(); },
-         HTTPProxyError::malformedResponse()},
         {"closed with the last part of a block",
          [](MemoryConnection& c) {
              c.peerSend(bytes("HTTP/1.1 200 OK\r\n"));
@@ -128,17 +118,10 @@ TEST(HTTPConnectClientTest, FailingAtEveryStepGivesThatStepsError) {
          HTTPProxyError::rejected(403, "Forbidden")},
     };
     TestQueue queue;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        MemoryConnectionService service;
-        auto connection = MemoryConnection::make();
-        service.enqueue(connection);
-        c.script(*connection);
+    test::expectFailures(cases, [&](platform::MemoryConnectionService& service) {
         HTTPConnectClient client(httpProxy(), service, queue.io());
-        auto error = errorOf<HTTPProxyError>(queue, client.connect("h", 443));
-        EXPECT_EQ(error, c.expected);
-        EXPECT_EQ(connection->record().cancels, 0u);
-    }
+        return errorOf<HTTPProxyError>(queue, client.connect("h", 443));
+    });
 }
 
 TEST(PrefixedConnectionTest, PrefixComesBeforeTheConnectionsOwnBytes) {

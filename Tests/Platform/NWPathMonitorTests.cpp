@@ -75,7 +75,8 @@ protected:
     }
 
     // The monitor watches the namespace of the thread that starts it.
-    void startInside(NWPathMonitor& monitor, asio::io_context& queue) {
+    void startInside(NWPathMonitor& monitor, asio::io_context& queue, PathLog& log) {
+        monitor.setPathUpdateHandler(log.handler());
         auto inside = ns->enter();
         ASSERT_TRUE(inside.ok());
         monitor.start(queue);
@@ -88,8 +89,7 @@ TEST_F(NWPathMonitorTest, ReportsInterfacesThatAreUpAsTheyChange) {
     PathLog log;
     PoolQueue queue;
     NWPathMonitor monitor;
-    monitor.setPathUpdateHandler(log.handler());
-    startInside(monitor, queue.context());
+    startInside(monitor, queue.context(), log);
     // A fresh namespace has only loopback, and it is down.
     ASSERT_TRUE(log.waitForCount(1));
     EXPECT_EQ(namesOf(log.paths().front()), std::vector<std::string>{});
@@ -124,8 +124,7 @@ TEST_F(NWPathMonitorTest, AddressChangesAreReported) {
     PathLog log;
     PoolQueue queue;
     NWPathMonitor monitor;
-    monitor.setPathUpdateHandler(log.handler());
-    startInside(monitor, queue.context());
+    startInside(monitor, queue.context(), log);
     ASSERT_TRUE(log.waitForCount(1));
 
     for (const char* command :
@@ -143,8 +142,7 @@ TEST_F(NWPathMonitorTest, CancelStopsReportsAndReleasesTheQueue) {
     PathLog log;
     asio::io_context queue;
     NWPathMonitor monitor;
-    monitor.setPathUpdateHandler(log.handler());
-    startInside(monitor, queue);
+    startInside(monitor, queue, log);
     // This thread is the queue: run it until the first report.
     const auto until = std::chrono::steady_clock::now() + deadline;
     while (log.paths().empty() && std::chrono::steady_clock::now() < until) {
@@ -169,8 +167,7 @@ TEST_F(NWPathMonitorTest, MonitorsComeAndGoWhileTheQueueRuns) {
         PathLog log;
         {
             NWPathMonitor monitor;
-            monitor.setPathUpdateHandler(log.handler());
-            startInside(monitor, queue.context());
+            startInside(monitor, queue.context(), log);
             ASSERT_TRUE(ns->must(round % 2 == 0 ? "ip addr add 10.78.0.1/24 dev lo"
                                                 : "ip addr del 10.78.0.1/24 dev lo"));
         }

@@ -1,8 +1,8 @@
 #include "Support/EchoServers.hpp"
 
-#include <arpa/inet.h>
+#include "Support/Peers.hpp"
+
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,24 +10,6 @@
 namespace veltrane::test {
 
 namespace {
-
-int boundLoopback(int type, std::uint16_t& port) {
-    int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return -1;
-    }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    port = ntohs(address.sin_port);
-    return fd;
-}
 
 // Waits until `fd` is readable; false when `wake` fired instead.
 bool readable(int fd, int wake) {

@@ -95,19 +95,29 @@ std::vector<pid_t> descendantsOf(pid_t root) {
 
 } // namespace
 
-std::uint16_t freeLoopbackPort(int type) {
+int boundLoopback(int type, std::uint16_t& port) {
     int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        return 0;
+        return -1;
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+std::uint16_t freeLoopbackPort(int type) {
     std::uint16_t port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
+    const int fd = boundLoopback(type, port);
+    if (fd < 0) {
+        return 0;
     }
     ::close(fd);
     return port;

@@ -80,6 +80,10 @@ std::unique_ptr<PeerProcess> startSquid(std::string& whyNot,
 std::unique_ptr<PeerProcess> startDnsmasq(std::string& whyNot,
                                           const std::vector<std::string>& records);
 
+// A socket of `type` (SOCK_STREAM, SOCK_DGRAM) bound to 127.0.0.1 on a port
+// the kernel picked, which goes to `port`; -1 when there is none.
+int boundLoopback(int type, std::uint16_t& port);
+
 // A port on 127.0.0.1 that was free a moment ago.
 std::uint16_t freeLoopbackPort(int type);
 

@@ -1,3 +1,5 @@
+#include "Support/TempDir.hpp"
+#include "Support/UnixSockets.hpp"
 #include "VeltraneKit/AutomationProtocol/AutomationClient.hpp"
 #include "VeltraneKit/AutomationProtocol/AutomationWire.hpp"
 #include "VeltraneKit/AutomationProtocol/RuleDTO.hpp"
@@ -7,31 +9,19 @@
 #include "VeltraneKit/ProfileCoding.hpp"
 #include "VeltraneKit/ProfileStore/ProfileStore.hpp"
 
-#include <cstring>
-#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
 using namespace veltrane::kit;
-namespace fs = std::filesystem;
 using nlohmann::json;
+using veltrane::test::TempDir;
 
 namespace {
-
-struct TempDir {
-    fs::path path;
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "vat-XXXXXX").string();
-        path = ::mkdtemp(pattern.data());
-    }
-    ~TempDir() { fs::remove_all(path); }
-};
 
 // What an action text became: the action, or the text of its error.
 std::string outcome(const std::string& action, const Profile& profile) {
@@ -299,13 +289,8 @@ namespace {
 class SocketServer {
 public:
     explicit SocketServer(AutomationXPCProtocol& service) : service_(service) {
-        path_ = (dir_.path / "automation.sock").string();
-        listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path_.c_str());
-        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(listener_, 4), 0);
+        path_ = dir_ / "automation.sock";
+        listener_ = veltrane::test::bindUnix(path_, 4);
         thread_ = std::thread([this] { serve(); });
     }
     ~SocketServer() {

@@ -1,19 +1,20 @@
+#include "Support/TempDir.hpp"
+#include "Support/UnixSockets.hpp"
 #include "VeltraneKit/DTOCoding.hpp"
 #include "VeltraneKit/ExtensionControlClient.hpp"
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
 using namespace veltrane::kit;
+using veltrane::test::TempDir;
 using Kind = ExtensionControlError::Kind;
 using nlohmann::json;
 
@@ -26,16 +27,9 @@ class ScriptedPeer {
 public:
     using Script = std::function<std::optional<std::string>(const json& request)>;
 
-    explicit ScriptedPeer(Script script) : script_(std::move(script)) {
-        char dir[] = "/tmp/vcc-XXXXXX";
-        dir_ = ::mkdtemp(dir);
-        path_ = dir_ + "/control.sock";
-        listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path_.c_str());
-        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(listener_, 8), 0);
+    explicit ScriptedPeer(Script script)
+        : script_(std::move(script)), path_(dir_ / "control.sock"),
+          listener_(veltrane::test::bindUnix(path_, 8)) {
         if (::pipe(wake_) != 0) {
             ADD_FAILURE() << "pipe";
         }
@@ -49,8 +43,6 @@ public:
         ::close(listener_);
         ::close(wake_[0]);
         ::close(wake_[1]);
-        ::unlink(path_.c_str());
-        ::rmdir(dir_.c_str());
     }
 
     const std::string& path() const { return path_; }
@@ -103,7 +95,8 @@ private:
     }
 
     Script script_;
-    std::string dir_, path_;
+    TempDir dir_;
+    std::string path_;
     int listener_ = -1;
     int wake_[2] = {-1, -1};
     std::atomic<int> connections_{0};
@@ -194,17 +187,11 @@ TEST(ExtensionControlClientTest, GivesUpOnASilentServiceAfterItsTimeOut) {
 }
 
 TEST(ExtensionControlClientTest, NothingListeningIsNotRunning) {
-    char dir[] = "/tmp/vcc-XXXXXX";
-    const std::string base = ::mkdtemp(dir);
+    TempDir dir;
     // A socket file whose server is gone refuses the connection.
-    const std::string stale = base + "/stale.sock";
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, stale.c_str());
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ::close(fd);
-    for (const std::string& path : {base + "/absent.sock", stale, std::string(200, 'x')}) {
+    const std::string stale = dir / "stale.sock";
+    ::close(veltrane::test::bindUnix(stale));
+    for (const std::string& path : {(dir / "absent.sock").string(), stale, std::string(200, 'x')}) {
         ExtensionControlClient client(path);
         EXPECT_EQ(failureOf([&] { client.ping(); }), Kind::notRunning) << path;
     }
@@ -212,8 +199,6 @@ TEST(ExtensionControlClientTest, NothingListeningIsNotRunning) {
                   .localizedDescription()
                   .find("no extension is running"),
               std::string::npos);
-    ::unlink(stale.c_str());
-    ::rmdir(base.c_str());
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "Support/TempDir.hpp"
 #include "VeltraneKit/ProfileCoding.hpp"
 #include "VeltraneKit/ProfileStore/ProfileStore.hpp"
 #include "VeltraneKit/SharedPaths.hpp"
@@ -5,43 +6,24 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
-#include <unistd.h>
 
 using namespace veltrane::kit;
+using veltrane::test::TempDir;
 namespace fs = std::filesystem;
 using StoreError = ProfileStore::StoreError;
 using FileError = ProfileStore::FileError;
 
 namespace {
 
-struct TempDir {
-    fs::path path;
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "vps-XXXXXX").string();
-        path = ::mkdtemp(pattern.data());
-    }
-    ~TempDir() { fs::remove_all(path); }
-};
-
 unsigned modeOf(const fs::path& path) {
     struct stat info {};
     EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
     return info.st_mode & 07777;
-}
-
-std::string slurp(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void spit(const fs::path& path, std::string_view text) {
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 std::vector<std::string> namesOf(const std::vector<Profile>& profiles) {
@@ -108,7 +90,7 @@ TEST(ProfileStore, OperationsErrorsAndFilesOnDisk) {
     auto all = store.list();
     ASSERT_EQ(namesOf(all), std::vector<std::string>{"Default"});
     const UUID defaultID = all[0].id;
-    EXPECT_EQ(slurp(root / "active"), defaultID.uuidString());
+    EXPECT_EQ(temp.read(root / "active"), defaultID.uuidString());
     EXPECT_EQ(modeOf(root / "active"), 0600u);
     EXPECT_EQ(modeOf(store.profilePath(defaultID)), 0600u);
     EXPECT_EQ(store.activeProfile(), all[0]);
@@ -119,7 +101,7 @@ TEST(ProfileStore, OperationsErrorsAndFilesOnDisk) {
     EXPECT_EQ(store.load(beta.id), beta);
     EXPECT_EQ(namesOf(store.list()), (std::vector<std::string>{"Alpha", "Default", "beta"}));
     EXPECT_EQ(store.find("ALPHA").id, alpha.id);
-    EXPECT_EQ(slurp(store.profilePath(alpha.id)), encodeProfile(alpha, true));
+    EXPECT_EQ(temp.read(store.profilePath(alpha.id)), encodeProfile(alpha, true));
     auto duplicateName = thrown<StoreError>([&] { store.create("DEFAULT"); });
     EXPECT_EQ(duplicateName, StoreError::duplicateName("DEFAULT"));
     EXPECT_EQ(duplicateName.localizedDescription(), "已存在同名 profile「DEFAULT」");
@@ -141,8 +123,8 @@ TEST(ProfileStore, OperationsErrorsAndFilesOnDisk) {
 
     // Foreign and broken files cost only themselves; load reports them.
     const UUID brokenID = UUID::random();
-    spit(profiles / "notes.json", "{}");
-    spit(store.profilePath(brokenID), "{\"schemaVersion\": 1,");
+    temp.write(profiles / "notes.json", "{}");
+    temp.write(store.profilePath(brokenID), "{\"schemaVersion\": 1,");
     EXPECT_EQ(store.list().size(), 4u);
     EXPECT_THROW(store.load(brokenID), ProfileDecodingError);
     EXPECT_EQ(thrown<FileError>([&] { store.load(UUID::random()); }).code(), ENOENT);
@@ -164,7 +146,7 @@ TEST(ProfileStore, OperationsErrorsAndFilesOnDisk) {
     // A write that fails midway (the file size limit: even root is held to
     // it) leaves the old file whole and no temporary file behind.
     {
-        const std::string before = slurp(store.profilePath(alpha.id));
+        const std::string before = temp.read(store.profilePath(alpha.id));
         std::signal(SIGXFSZ, SIG_IGN);
         rlimit saved{};
         ::getrlimit(RLIMIT_FSIZE, &saved);
@@ -173,14 +155,14 @@ TEST(ProfileStore, OperationsErrorsAndFilesOnDisk) {
         ::setrlimit(RLIMIT_FSIZE, &tiny);
         EXPECT_THROW(store.save(alpha.with({.name = std::string(200, 'x')})), FileError);
         ::setrlimit(RLIMIT_FSIZE, &saved);
-        EXPECT_EQ(slurp(store.profilePath(alpha.id)), before);
+        EXPECT_EQ(temp.read(store.profilePath(alpha.id)), before);
         EXPECT_EQ(entriesOf(profiles).size(), 4u);
     }
 
     // The active file: a line end is tolerated, other text is no id.
-    spit(root / "active", "  " + defaultID.uuidString() + "\r\n");
+    temp.write(root / "active", "  " + defaultID.uuidString() + "\r\n");
     EXPECT_EQ(store.activeID(), defaultID);
-    spit(root / "active", "Default");
+    temp.write(root / "active", "Default");
     EXPECT_EQ(thrown<StoreError>([&] { store.activeID(); }).localizedDescription(),
               "找不到 profile「active」");
     const UUID ghost = UUID::random();
