@@ -10,6 +10,7 @@
 #include "Platform/memory/MemoryTCPFlow.hpp"
 #include "Platform/memory/MemoryUDPFlow.hpp"
 #include "Support/PoolQueue.hpp"
+#include "Support/TempDir.hpp"
 #include "VeltraneKit/ProfileCoding.hpp"
 
 #include <dirent.h>
@@ -102,7 +103,7 @@ public:
         options.collector = &collector;
         options.interfaces = &registry;
         options.now = std::move(now);
-        options.controlSocketPath = socketPath();
+        options.controlSocketPath = (directory_ / "control.sock").string();
         options.firstPacketWait = std::chrono::milliseconds(150);
         options.dnsForwardTimeout = std::chrono::milliseconds(300);
         if (configure) {
@@ -117,7 +118,6 @@ public:
         // Every flow has ended by now; what is left waits for ever (the
         // registry's netlink read), so the queue stops rather than drains.
         queue.stop();
-        std::filesystem::remove_all(directory_);
     }
 
     void start(const std::optional<kit::Profile>& p) {
@@ -160,12 +160,7 @@ public:
     std::shared_ptr<platform::MemoryFlowHost> host;
 
 private:
-    std::string socketPath() {
-        char pattern[] = "/tmp/vt-provider-XXXXXX";
-        directory_ = ::mkdtemp(pattern);
-        return directory_ + "/control.sock";
-    }
-    std::string directory_;
+    TempDir directory_;
 };
 
 } // namespace veltrane::test

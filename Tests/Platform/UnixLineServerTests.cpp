@@ -1,4 +1,6 @@
 #include "Platform/linux/UnixLineServer.hpp"
+#include "Support/TempDir.hpp"
+#include "Support/UnixSockets.hpp"
 
 #include <condition_variable>
 #include <cstring>
@@ -6,21 +8,12 @@
 #include <mutex>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace veltrane::platform;
+using veltrane::test::connectUnix;
 
 namespace {
-
-int connectTo(const std::string& path) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
-    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    return fd;
-}
 
 // Everything the peer sends until it closes, or until five seconds pass.
 std::string readToEnd(int fd) {
@@ -39,20 +32,10 @@ std::string readToEnd(int fd) {
     }
 }
 
-struct Fixture : ::testing::Test {
-    Fixture() {
-        char dir[] = "/tmp/vls-XXXXXX";
-        dir_ = ::mkdtemp(dir);
-        path = dir_ + "/s.sock";
-    }
-    ~Fixture() override {
-        ::unlink(path.c_str());
-        ::rmdir(dir_.c_str());
-    }
-    std::string dir_, path;
+struct UnixLineServerTest : ::testing::Test {
+    veltrane::test::TempDir dir;
+    const std::string path = dir / "s.sock";
 };
-
-using UnixLineServerTest = Fixture;
 
 TEST_F(UnixLineServerTest, AnswersLinesInOrderIncludingALastOneWithoutLineEnd) {
     UnixLineServer server(path,
@@ -64,10 +47,9 @@ TEST_F(UnixLineServerTest, AnswersLinesInOrderIncludingALastOneWithoutLineEnd) {
     } cases[] = {
         {"a\r\nb", "<a>\n<b>\n"},    // CRLF, and a final line cut by the end of stream
         {"\n \n\t\r\nc\n", "<c>\n"}, // blank lines are no requests
-        {"", ""},
     };
     for (const auto& c : cases) {
-        const int fd = connectTo(path);
+        const int fd = connectUnix(path);
         ASSERT_EQ(::send(fd, c.sent, std::strlen(c.sent), MSG_NOSIGNAL),
                   static_cast<ssize_t>(std::strlen(c.sent)));
         ::shutdown(fd, SHUT_WR);
@@ -93,9 +75,9 @@ TEST_F(UnixLineServerTest, ServesConnectionsSideBySide) {
         return std::string("released");
     });
     server.start();
-    const int first = connectTo(path);
+    const int first = connectUnix(path);
     ASSERT_EQ(::send(first, "wait\n", 5, MSG_NOSIGNAL), 5);
-    const int second = connectTo(path);
+    const int second = connectUnix(path);
     ASSERT_EQ(::send(second, "go\n", 3, MSG_NOSIGNAL), 3);
     ::shutdown(first, SHUT_WR);
     ::shutdown(second, SHUT_WR);
@@ -109,7 +91,7 @@ TEST_F(UnixLineServerTest, StopClosesOpenConnectionsAndRemovesTheSocket) {
     auto server =
         std::make_unique<UnixLineServer>(path, [](std::string_view) { return std::string("x"); });
     server->start();
-    const int idle = connectTo(path);
+    const int idle = connectUnix(path);
     server->stop();
     EXPECT_EQ(readToEnd(idle), ""); // closed, not left hanging
     EXPECT_NE(::access(path.c_str(), F_OK), 0);
@@ -117,7 +99,7 @@ TEST_F(UnixLineServerTest, StopClosesOpenConnectionsAndRemovesTheSocket) {
     ::close(idle);
     // And the same path can be served again.
     server->start();
-    const int fd = connectTo(path);
+    const int fd = connectUnix(path);
     ASSERT_EQ(::send(fd, "q\n", 2, MSG_NOSIGNAL), 2);
     ::shutdown(fd, SHUT_WR);
     EXPECT_EQ(readToEnd(fd), "x\n");

@@ -1,15 +1,14 @@
+#include "Support/TempDir.hpp"
 #include "VeltraneKit/Importers/ConfigImportScanner.hpp"
 #include "VeltraneKit/Importers/ImportError.hpp"
 #include "VeltraneKit/Importers/PPXImportAdapter.hpp"
 #include "VeltraneKit/Importers/ProfileMerging.hpp"
 
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <set>
 #include <span>
 #include <string>
-#include <unistd.h>
 
 using namespace veltrane::kit;
 namespace fs = std::filesystem;
@@ -112,7 +111,6 @@ TEST(PPXImportAdapterTest, ReadsDocuments) {
         std::string document;
         std::string expected;
     } cases[] = {
-        {"<ProxifierProfile/>", ""},
         {"<!-- c --><ProxifierProfile><ProxyList/></ProxifierProfile>\n", ""},
         {"<proxifierprofile/>", "unrecognized"},
         {"<Other><ProxifierProfile/></Other>", "unrecognized"},
@@ -152,37 +150,25 @@ TEST(PPXImportAdapterTest, ReadsDocuments) {
     EXPECT_EQ(ImportError::unrecognizedFormat().localizedDescription(), "无法识别的配置格式");
 }
 
-class ConfigImportScannerTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "vimport-XXXXXX").string();
-        root_ = ::mkdtemp(pattern.data());
-        home_ = root_ / "home";
-    }
-    void TearDown() override { fs::remove_all(root_); }
-
-    void write(const fs::path& path, std::string_view text = "<ProxifierProfile/>") {
-        fs::create_directories(path.parent_path());
-        std::ofstream(path) << text;
-    }
-
-    fs::path root_, home_;
-};
-
-TEST_F(ConfigImportScannerTest, DiscoversAndParses) {
+TEST(ConfigImportScannerTest, DiscoversAndParses) {
+    const veltrane::test::TempDir root;
+    const fs::path home = root / "home";
+    const auto write = [&](const fs::path& path, std::string_view text = "<ProxifierProfile/>") {
+        root.write(path, text);
+    };
     const ConfigImportScanner scanner(
-        {std::make_shared<PPXImportAdapter>((root_ / "xdg").string())});
-    EXPECT_TRUE(scanner.discover(home_).empty());
+        {std::make_shared<PPXImportAdapter>((root / "xdg").string())});
+    EXPECT_TRUE(scanner.discover(home).empty());
 
-    write(root_ / "xdg/proxifier/x.ppx");
-    write(home_ / "top.ppx", kProxies);
-    write(home_ / "Documents/A.PPX", kRules);
-    write(home_ / "Documents/notes.txt");
-    write(home_ / "Documents/deep/hidden.ppx");
-    fs::create_directories(home_ / "Downloads/folder.ppx");
-    write(home_ / ".config/proxifier/unused.ppx"); // $XDG_CONFIG_HOME points elsewhere
+    write(root / "xdg/proxifier/x.ppx");
+    write(home / "top.ppx", kProxies);
+    write(home / "Documents/A.PPX", kRules);
+    write(home / "Documents/notes.txt");
+    write(home / "Documents/deep/hidden.ppx");
+    fs::create_directories(home / "Downloads/folder.ppx");
+    write(home / ".config/proxifier/unused.ppx"); // $XDG_CONFIG_HOME points elsewhere
 
-    const auto found = scanner.discover(home_);
+    const auto found = scanner.discover(home);
     std::vector<std::string> names;
     std::set<UUID> ids;
     for (const auto& config : found) {
@@ -195,11 +181,11 @@ TEST_F(ConfigImportScannerTest, DiscoversAndParses) {
     EXPECT_EQ(ids.size(), 3u);
 
     const auto byDefault = ConfigImportScanner({std::make_shared<PPXImportAdapter>("")});
-    ASSERT_EQ(byDefault.discover(home_).size(), 3u);
-    EXPECT_EQ(byDefault.discover(home_).front().url, home_ / ".config/proxifier/unused.ppx");
+    ASSERT_EQ(byDefault.discover(home).size(), 3u);
+    EXPECT_EQ(byDefault.discover(home).front().url, home / ".config/proxifier/unused.ppx");
 
     EXPECT_EQ(scanner.parse(found[2]).rules.size(), 10u);
-    EXPECT_EQ(scanner.parse(home_ / "top.ppx").proxies.size(), 6u);
+    EXPECT_EQ(scanner.parse(home / "top.ppx").proxies.size(), 6u);
 
     auto failure = [&](auto&& call) -> std::string {
         try {
@@ -212,17 +198,17 @@ TEST_F(ConfigImportScannerTest, DiscoversAndParses) {
         return "none";
     };
     EXPECT_EQ(failure([&] {
-                  scanner.parse(DiscoveredConfig{UUID::random(), home_ / "no", "", "x"});
+                  scanner.parse(DiscoveredConfig{UUID::random(), home / "no", "", "x"});
               }),
               "unrecognized");
     EXPECT_EQ(failure([&] {
-                  scanner.parse(DiscoveredConfig{UUID::random(), home_ / "no", "", "ppx"});
+                  scanner.parse(DiscoveredConfig{UUID::random(), home / "no", "", "ppx"});
               }),
               "ENOENT");
-    EXPECT_EQ(failure([&] { scanner.parse(home_ / "missing.txt"); }), "ENOENT");
-    EXPECT_EQ(failure([&] { scanner.parse(home_ / "Documents/notes.txt"); }), "unrecognized");
-    write(home_ / "bad.ppx", "<ProxifierProfile>");
-    EXPECT_EQ(failure([&] { scanner.parse(home_ / "bad.ppx"); }), "malformed");
+    EXPECT_EQ(failure([&] { scanner.parse(home / "missing.txt"); }), "ENOENT");
+    EXPECT_EQ(failure([&] { scanner.parse(home / "Documents/notes.txt"); }), "unrecognized");
+    write(home / "bad.ppx", "<ProxifierProfile>");
+    EXPECT_EQ(failure([&] { scanner.parse(home / "bad.ppx"); }), "malformed");
 }
 
 ProxyServer proxy(std::string name, std::string address, ProxyProtocol proto) {

