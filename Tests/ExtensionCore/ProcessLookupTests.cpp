@@ -159,21 +159,30 @@ TEST(ProcessLookupTest, ProcessInAScopeAnswersToItsLeader) {
     if (::mkdir(scope.c_str(), 0755) != 0) {
         GTEST_SKIP() << "cannot create " << scope << ": " << std::strerror(errno);
     }
+    const auto join = [&](pid_t pid) {
+        // Writing 0 would move this test itself into the scope.
+        if (pid > 0) {
+            std::ofstream(scope + "/cgroup.procs") << pid;
+        }
+    };
     {
         Process leader({"/bin/sleep", "1000"});
         Process child({"/usr/bin/tail", "-f", "/dev/null"});
-        for (pid_t pid : {leader.pid, child.pid}) {
-            // Writing 0 would move this test itself into the scope.
-            if (pid > 0) {
-                std::ofstream(scope + "/cgroup.procs") << pid;
-            }
-        }
+        join(leader.pid);
+        join(child.pid);
 
         auto found = core::identity(flowFrom(child.pid));
         EXPECT_EQ(found.executableName, "tail");
         EXPECT_EQ(found.responsibleExecutable, "sleep");
         EXPECT_EQ(found.responsibleAppName, std::nullopt);
         EXPECT_EQ(core::identity(flowFrom(leader.pid)).responsibleExecutable, std::nullopt);
+
+        // The scope's leader is remembered for the members that come later,
+        // but not past its end: the scope then answers to the next one.
+        leader.stop();
+        Process late({"/bin/cat"});
+        join(late.pid);
+        EXPECT_EQ(core::identity(flowFrom(late.pid)).responsibleExecutable, "tail");
     }
     // Both are reaped; the kernel may still take a moment to empty the scope.
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -95,26 +95,66 @@ std::optional<ScopeMember> readMember(std::int32_t pid) {
     return ScopeMember{pid, *parent, *startTime};
 }
 
+// The unified hierarchy's path of the process's cgroup, from /proc/PID/cgroup.
+std::optional<std::string> cgroupOf(std::int32_t pid) {
+    auto membership = readSmallFile(procPath(pid, "cgroup"));
+    if (!membership) {
+        return std::nullopt;
+    }
+    std::optional<std::string> cgroup;
+    for (auto line : split(*membership, '\n')) {
+        if (line.starts_with("0::")) {
+            cgroup = std::string(line.substr(3));
+        }
+    }
+    return cgroup;
+}
+
+// A new process in a known scope: its leader stays the leader for as long as
+// it lives in that scope (a later member starts later), so one check of the
+// leader replaces reading every member again. That is what the first
+// connection of each helper a browser starts would otherwise pay.
+class ScopeLeaders {
+public:
+    std::int32_t find(const std::string& scope) {
+        std::int32_t leader = 0;
+        {
+            std::lock_guard guard(lock_);
+            if (auto entry = leaders_.find(scope); entry != leaders_.end()) {
+                leader = entry->second;
+            }
+        }
+        return leader > 0 && cgroupOf(leader) == scope ? leader : 0;
+    }
+    void remember(const std::string& scope, std::int32_t leader) {
+        std::lock_guard guard(lock_);
+        if (leaders_.size() >= capacity) {
+            leaders_.clear();
+        }
+        leaders_.insert_or_assign(scope, leader);
+    }
+
+private:
+    static constexpr std::size_t capacity = 1024;
+    std::mutex lock_;
+    std::unordered_map<std::string, std::int32_t> leaders_;
+};
+
 // The leader of the cgroup scope the process runs in: the member whose parent
 // is outside the scope, the earliest started when there are several. 0 when
 // the process is not in a scope. Only the scope's own members are read, so
 // the cost follows the size of one application, not of the machine.
 std::int32_t scopeLeader(std::int32_t pid) {
+    static ScopeLeaders known;
     const auto& mount = cgroup2Mount();
-    auto membership = readSmallFile(procPath(pid, "cgroup"));
-    if (!mount || !membership) {
-        return 0;
-    }
-    std::optional<std::string_view> cgroup;
-    for (auto line : split(*membership, '\n')) {
-        if (line.starts_with("0::")) {
-            cgroup = line.substr(3);
-        }
-    }
+    auto cgroup = mount ? cgroupOf(pid) : std::nullopt;
     // Services and slices group unrelated processes; only a scope stands for
     // one launched application.
     if (!cgroup || !cgroup->starts_with("/") || !cgroup->ends_with(".scope")) {
         return 0;
+    }
+    if (const auto leader = known.find(*cgroup)) {
+        return leader;
     }
     std::string procsPath = *mount;
     procsPath += *cgroup;
@@ -146,7 +186,11 @@ std::int32_t scopeLeader(std::int32_t pid) {
             leader = member;
         }
     }
-    return leader ? leader->pid : 0;
+    if (!leader) {
+        return 0;
+    }
+    known.remember(*cgroup, leader->pid);
+    return leader->pid;
 }
 
 // A leader that exited leaves the scope to another member.
