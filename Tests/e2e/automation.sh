@@ -99,4 +99,16 @@ check "and says why" grep -q "read-only" "$lab_dir/ro.out"
 check "but answers reads" grep -q '"name":"Lab"' "$lab_dir/list.out"
 stop_run
 
+# A run given a profile file keeps routing by it: changes to the store are
+# saved, and said to be, but not handed to the extension.
+"$veltrane" profile export Lab >"$lab_dir/pinned.json"
+start_run --profile "$lab_dir/pinned.json" || exit 1
+"$veltrane" route set curl direct >"$lab_dir/pinned.out" 2>&1
+check "a run on a profile file does not take the store's change" \
+    logged "this run routes by $lab_dir/pinned.json (--profile)"
+check "and the verb says it is only saved" grep -q "(saved; the extension" "$lab_dir/pinned.out"
+fetch
+check "so curl still goes by the file, through the proxy" origin_saw 192.0.2.2
+stop_run
+
 finish

@@ -35,9 +35,9 @@ std::unique_ptr<kit::ExtensionControlClient> controlClient() {
 } // namespace
 
 AutomationHost::AutomationHost(kit::ProfileStore& store, ExtensionProcess& extension,
-                               bool writesAllowed)
-    : store_(store), extension_(extension),
-      socketPath_(kit::AutomationClient::defaultSocketPath()) {
+                               bool writesAllowed, std::optional<PinnedProfile> pinned)
+    : store_(store), extension_(extension), socketPath_(kit::AutomationClient::defaultSocketPath()),
+      pinned_(std::move(pinned)) {
     kit::StoreAutomation::Hooks hooks;
     hooks.stats = []() -> std::optional<kit::StatsSnapshot> {
         auto client = controlClient();
@@ -76,11 +76,15 @@ AutomationHost::AutomationHost(kit::ProfileStore& store, ExtensionProcess& exten
             return true;
         }
         std::string profile;
-        try {
-            profile = kit::encodeProfile(store_.activeProfile(), false);
-        } catch (const kit::Error& error) {
-            std::cerr << "veltrane run: no active profile (" << error.localizedDescription()
-                      << "); every connection goes direct\n";
+        if (pinned_) {
+            profile = pinned_->document;
+        } else {
+            try {
+                profile = kit::encodeProfile(store_.activeProfile(), false);
+            } catch (const kit::Error& error) {
+                std::cerr << "veltrane run: no active profile (" << error.localizedDescription()
+                          << "); every connection goes direct\n";
+            }
         }
         {
             std::lock_guard guard(mutex_);
@@ -124,6 +128,13 @@ void AutomationHost::handedAtStart(const kit::Profile& profile) {
 }
 
 bool AutomationHost::activate(const kit::Profile& profile, const std::string& why) {
+    if (pinned_) {
+        // Not taken: the verb's reply says the change is only saved.
+        std::cerr << "veltrane run: profile \"" << profile.name
+                  << "\" saved in the store, not handed to the extension: this run routes by "
+                  << pinned_->path << " (--profile)\n";
+        return false;
+    }
     const std::string document = kit::encodeProfile(profile, false);
     std::lock_guard guard(mutex_);
     if (lastHanded_ == document) {

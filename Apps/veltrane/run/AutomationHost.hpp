@@ -20,9 +20,17 @@ class ExtensionProcess;
 // with the extension this command runs behind its hooks. Every change of the
 // active profile is handed to the extension at once and leaves one line on
 // stderr saying why.
+//
+// A run given a profile file routes by that file for its whole life: the
+// store's changes are then saved but not handed over, and the verbs say so.
 class AutomationHost {
 public:
-    AutomationHost(kit::ProfileStore& store, ExtensionProcess& extension, bool writesAllowed);
+    struct PinnedProfile {
+        std::string path;     // as given to --profile
+        std::string document; // what the extension was started with
+    };
+    AutomationHost(kit::ProfileStore& store, ExtensionProcess& extension, bool writesAllowed,
+                   std::optional<PinnedProfile> pinned = std::nullopt);
     ~AutomationHost(); // stops
 
     // Listens; throws std::system_error when the socket cannot be served.
@@ -44,6 +52,7 @@ private:
     std::mutex mutex_;
     std::optional<std::string> lastHanded_; // the profile document handed last
     std::optional<kit::UUID> lastID_;
+    const std::optional<PinnedProfile> pinned_;
     std::unique_ptr<kit::StoreAutomation> automation_;
     std::unique_ptr<platform::UnixLineServer> server_;
 };

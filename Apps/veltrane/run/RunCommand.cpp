@@ -135,8 +135,12 @@ int run(const RunOptions& options) {
     std::unique_ptr<AutomationHost> automation;
     std::unique_ptr<NetworkFollower> follower;
     if (store) {
-        automation =
-            std::make_unique<AutomationHost>(*store, extension, !options.automationReadOnly);
+        std::optional<AutomationHost::PinnedProfile> pinned;
+        if (!options.profile.empty()) {
+            pinned = AutomationHost::PinnedProfile{options.profile, profile};
+        }
+        automation = std::make_unique<AutomationHost>(*store, extension,
+                                                      !options.automationReadOnly, pinned);
         if (options.profile.empty() && !profile.empty()) {
             try {
                 automation->handedAtStart(store->activeProfile());
