@@ -156,5 +156,19 @@ check "a broken profile still runs" start_run --profile "$lab_dir/broken.json"
 check "a broken profile is one clear line" grep -q "is not a JSON profile" "$lab_dir/run.log"
 fetch curl -sS --max-time 5 http://origin.example/
 check "without a profile everything goes direct" origin_saw 192.0.2.1
+stop_run
+
+# A namespace fresh from `ip netns add`, whose loopback is down.
+bare=vt-bare-$lab_id
+ip netns add "$bare"
+"$veltrane" run --netns "$bare" >"$lab_dir/bare.log" 2>&1 &
+bare_pid=$!
+check "a fresh namespace is captured" bash -c \
+    "for _ in \$(seq 100); do grep -q 'capture running' '$lab_dir/bare.log' && exit; sleep 0.05; done; exit 1"
+check "once its loopback is brought up, as it says" \
+    grep -q "loopback was down in $bare; brought it up" "$lab_dir/bare.log"
+kill "$bare_pid"
+wait "$bare_pid" 2>/dev/null
+ip netns del "$bare"
 
 finish

@@ -5,8 +5,11 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <iostream>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace veltrane::app {
@@ -48,6 +51,25 @@ bool enterNetworkNamespace(const std::string& name) {
         std::cerr << "veltrane run: cannot mount /sys for " << name << ": " << std::strerror(errno)
                   << "\n";
         return false;
+    }
+    // A namespace fresh from `ip netns add` has its loopback down, and every
+    // carried connection is looped through it to the listener: without it
+    // the capture cannot start at all.
+    const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq loopback{};
+    std::strncpy(loopback.ifr_name, "lo", IFNAMSIZ - 1);
+    if (probe >= 0 && ::ioctl(probe, SIOCGIFFLAGS, &loopback) == 0 &&
+        (loopback.ifr_flags & IFF_UP) == 0) {
+        loopback.ifr_flags = static_cast<short>(loopback.ifr_flags | IFF_UP);
+        if (::ioctl(probe, SIOCSIFFLAGS, &loopback) == 0) {
+            std::cerr << "veltrane run: loopback was down in " << name << "; brought it up\n";
+        } else {
+            std::cerr << "veltrane run: loopback is down in " << name
+                      << " and cannot be brought up: " << std::strerror(errno) << "\n";
+        }
+    }
+    if (probe >= 0) {
+        ::close(probe);
     }
     return true;
 }

@@ -8,7 +8,8 @@ namespace veltrane::app {
 // the way `ip netns exec` does: in a private mount namespace of its own,
 // with /sys mounted again so that it shows that namespace's interfaces. Call
 // it before any thread starts: threads keep the namespace of their creator.
-// False after one line on stderr.
+// Brings the namespace's loopback up when it is down, saying so. False
+// after one line on stderr.
 bool enterNetworkNamespace(const std::string& name);
 
 } // namespace veltrane::app
