@@ -177,6 +177,11 @@ TEST(AutomationTest, StoreAutomationChangesTheStoreAndAppliesOnlyActiveChanges) 
                  R"({"name":"SOCK","address":"10.0.0.1","port":1,"proto":"http"})");
          },
          false, false, [](Served& s) { return s.active().proxies.size() == 1; }},
+        {"add proxy without a host",
+         [](auto& a) {
+             return a.addProxyWithJson(R"({"name":"Blank","address":" ","port":1,"proto":"http"})");
+         },
+         false, false, [](Served& s) { return s.active().proxies.size() == 1; }},
         {"add rule", [](auto& a) { return a.addRuleWithJson(ruleJSON("Web", "proxy:sock")); }, true,
          true,
          [&](Served& s) {

@@ -41,6 +41,7 @@ expect "proxy with user" 0 "Office" \
 expect "proxy list" 0 "Local  socks5 127.0.0.1:1080" v proxy list
 expect "proxy name taken" 1 "Local" v proxy add --name local --address h --port 1 --proto http
 expect "proxy bad proto" 2 "proto" v proxy add --name X --address h --port 1 --proto ftp
+expect "proxy without a host" 1 "proxy.address" v proxy add --name X --address "" --port 1 --proto http
 
 expect "rule add" 0 "Web" v rule add --name Web --app curl --host '*.example.com' --port 443 \
     --action proxy:Local

@@ -170,10 +170,21 @@ ProxyServer decodeProxyArgument(const std::string& text) {
         }
         throw AutomationError(Kind::badDocument, RL("the proxy"), detail);
     }
-    if (holder->proxies.front().name.empty()) {
+    const ProxyServer& proxy = holder->proxies.front();
+    if (proxy.name.empty()) {
         throw AutomationError(Kind::missingName, RL("a proxy"));
     }
-    return holder->proxies.front();
+    // The document form lets any text stand; a proxy without a host or port
+    // would only fail every flow routed to it, long after it was added.
+    if (proxy.address.find_first_not_of(" \t") == std::string::npos) {
+        throw AutomationError(Kind::badDocument, RL("the proxy"),
+                              RL("proxy.address: a host name or IP address is needed"));
+    }
+    if (proxy.port == 0) {
+        throw AutomationError(Kind::badDocument, RL("the proxy"),
+                              RL("proxy.port: 0 is no port to connect to"));
+    }
+    return proxy;
 }
 
 std::optional<NetworkEnvironment::Kind>
