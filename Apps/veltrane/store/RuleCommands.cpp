@@ -3,6 +3,7 @@
 #include "../AutomationAccess.hpp"
 #include "../Commands.hpp"
 #include "VeltraneKit/AutomationProtocol/RuleDTO.hpp"
+#include "VeltraneKit/Matchers.hpp"
 #include "VeltraneKit/UnicodeText.hpp"
 #include "VerbSupport.hpp"
 
@@ -213,8 +214,18 @@ void addRuleFlags(CLI::App& command, RuleOptions& o, bool withName) {
              command.add_option("--host", o.hosts,
                                 "Host pattern (repeatable): name with wildcards, IPv4 address, "
                                 "range a-b or CIDR"),
-             command.add_option("--port", o.ports,
-                                "Port pattern (repeatable): a port or a range such as 8000-8100"),
+             command
+                 .add_option("--port", o.ports,
+                             "Port pattern (repeatable): a port or a range such as 8000-8100")
+                 // The engine drops a port it cannot read, and a rule whose
+                 // ports all went matches every port: a typo would widen it.
+                 ->check(CLI::Validator(
+                     [](const std::string& text) {
+                         return kit::PortPattern::parse(text)
+                                    ? std::string()
+                                    : "\"" + text + "\" is not a port or a range of ports";
+                     },
+                     "PORT|LOW-HIGH")),
              command.add_option("--action", o.action,
                                 "direct, block, proxy:NAME, chain:NAME or interface:NAME"),
              command.add_flag("--disabled", o.disabled, "Keep the rule switched off"),
