@@ -51,6 +51,7 @@ expect "rule unknown proxy" 1 "Nowhere" v rule add --name X --action proxy:Nowhe
 expect "rule bad action" 1 "bogus" v rule add --name X --action bogus
 expect "rule without action" 2 "--action" v rule add --name X
 expect "rule with a port that does not read" 2 "is not a port" v rule add --name X --port 80-ab --action direct
+expect "rule with an empty host" 2 "cannot be empty" v rule add --name X --host "" --action block
 expect "rule disable" 0 "off  Web" sh -c "\"$veltrane\" rule disable Web && \"$veltrane\" rule list"
 expect "rule update keeps the rest" 0 "on   Web  → block  apps: curl  hosts: *.example.com  ports: 80" \
     sh -c "\"$veltrane\" rule update web --enabled --port 80 --action block && \"$veltrane\" rule list"

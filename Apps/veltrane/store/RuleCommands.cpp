@@ -200,6 +200,16 @@ CLI::App* leaf(CLI::App& parent, const std::string& name, const std::string& des
 // The flags that describe a rule, for add and update. An update names its
 // rule by NAME and cannot rename it.
 void addRuleFlags(CLI::App& command, RuleOptions& o, bool withName) {
+    // An empty pattern is dropped, and a list left empty matches anything:
+    // `--host "$UNSET"` would make the rule match every host. One of blanks
+    // only matches nothing: a mistake as well.
+    const CLI::Validator notBlank(
+        [](const std::string& text) {
+            return text.find_first_not_of(" \t") == std::string::npos
+                       ? std::string("a pattern cannot be empty or blank")
+                       : std::string();
+        },
+        "PATTERN");
     auto* input = command.add_option("--json-input", o.jsonInput,
                                      "Take the whole rule from a JSON file (- for standard "
                                      "input): name, enabled, apps, hosts, ports, action, locked");
@@ -208,12 +218,16 @@ void addRuleFlags(CLI::App& command, RuleOptions& o, bool withName) {
         command.add_option("--name", o.newName, "Name of the rule")->excludes(input);
     }
     for (auto* flag : {
-             command.add_option("--app", o.apps,
-                                "Application pattern (repeatable): bundle id, name or path, "
-                                "* and ? as wildcards"),
-             command.add_option("--host", o.hosts,
-                                "Host pattern (repeatable): name with wildcards, IPv4 address, "
-                                "range a-b or CIDR"),
+             command
+                 .add_option("--app", o.apps,
+                             "Application pattern (repeatable): bundle id, name or path, "
+                             "* and ? as wildcards")
+                 ->check(notBlank),
+             command
+                 .add_option("--host", o.hosts,
+                             "Host pattern (repeatable): name with wildcards, IPv4 address, "
+                             "range a-b or CIDR")
+                 ->check(notBlank),
              command
                  .add_option("--port", o.ports,
                              "Port pattern (repeatable): a port or a range such as 8000-8100")
@@ -256,8 +270,8 @@ void addRuleCommands(CLI::App& app, CommandRunner& runner) {
     auto* updateVerb =
         leaf(*rule, "update",
              "Change a rule: the flags given replace those fields (--app, --host and --port "
-             "replace the whole list), or --json-input replaces all but its id, transport, "
-             "QUIC policy and tags",
+             "replace the whole list; to empty one, use --json-input), or --json-input "
+             "replaces all but its id, transport, QUIC policy and tags",
              options, runner, update);
     updateVerb->add_option("NAME", options->name,
                            "The rule to change (any case); with --json-input, the document's "
