@@ -34,7 +34,8 @@ void printSummaries(const nlohmann::json& data) {
             continue;
         }
         std::cout << (summary->isActive ? "* " : "  ") << summary->name << "  ("
-                  << summary->ruleCount << " rules, " << summary->proxyCount << " proxies";
+                  << summary->ruleCount << (summary->ruleCount == 1 ? " rule, " : " rules, ")
+                  << summary->proxyCount << (summary->proxyCount == 1 ? " proxy" : " proxies");
         if (!summary->boundEnvironments.empty()) {
             std::cout << "; bound to " << store::joined(summary->boundEnvironments);
         }
