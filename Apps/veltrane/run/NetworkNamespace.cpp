@@ -14,6 +14,24 @@
 
 namespace veltrane::app {
 
+bool bringLoopbackUp(bool& wasDown) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request{};
+    std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+    bool up = fd >= 0 && ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
+    wasDown = up && (request.ifr_flags & IFF_UP) == 0;
+    if (wasDown) {
+        request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+        up = ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    }
+    const int error = errno;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    errno = error;
+    return up;
+}
+
 bool enterNetworkNamespace(const std::string& name) {
     const std::string path = "/run/netns/" + name;
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -55,21 +73,12 @@ bool enterNetworkNamespace(const std::string& name) {
     // A namespace fresh from `ip netns add` has its loopback down, and every
     // carried connection is looped through it to the listener: without it
     // the capture cannot start at all.
-    const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq loopback{};
-    std::strncpy(loopback.ifr_name, "lo", IFNAMSIZ - 1);
-    if (probe >= 0 && ::ioctl(probe, SIOCGIFFLAGS, &loopback) == 0 &&
-        (loopback.ifr_flags & IFF_UP) == 0) {
-        loopback.ifr_flags = static_cast<short>(loopback.ifr_flags | IFF_UP);
-        if (::ioctl(probe, SIOCSIFFLAGS, &loopback) == 0) {
-            std::cerr << "veltrane run: loopback was down in " << name << "; brought it up\n";
-        } else {
-            std::cerr << "veltrane run: loopback is down in " << name
-                      << " and cannot be brought up: " << std::strerror(errno) << "\n";
-        }
-    }
-    if (probe >= 0) {
-        ::close(probe);
+    bool wasDown = false;
+    if (!bringLoopbackUp(wasDown)) {
+        std::cerr << "veltrane run: loopback is down in " << name
+                  << " and cannot be brought up: " << std::strerror(errno) << "\n";
+    } else if (wasDown) {
+        std::cerr << "veltrane run: loopback was down in " << name << "; brought it up\n";
     }
     return true;
 }

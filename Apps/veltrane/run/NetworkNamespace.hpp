@@ -12,4 +12,8 @@ namespace veltrane::app {
 // after one line on stderr.
 bool enterNetworkNamespace(const std::string& name);
 
+// Brings this network namespace's loopback up. Whether it is up now (errno
+// tells why not); `wasDown` whether it had to be brought up.
+bool bringLoopbackUp(bool& wasDown);
+
 } // namespace veltrane::app

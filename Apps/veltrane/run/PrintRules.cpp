@@ -2,6 +2,7 @@
 
 #include "Commands.hpp"
 #include "Platform/linux/capture/LinuxFlowHost.hpp"
+#include "run/NetworkNamespace.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -61,23 +62,11 @@ std::optional<std::string> output(std::vector<std::string> words) {
     return text;
 }
 
-bool loopbackUp() {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq request{};
-    std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
-    bool up = fd >= 0 && ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
-    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-    up = up && ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-    if (fd >= 0) {
-        ::close(fd);
-    }
-    return up;
-}
-
 // In the scratch namespace: starts the extension, waits until it captures,
 // reads back what it installed, stops it. Runs in a child process.
 int showInstalled(const ExtensionProcess::Options& options, const std::string& profile, bool json) {
-    if (::unshare(CLONE_NEWNET) != 0 || !loopbackUp()) {
+    bool wasDown = false;
+    if (::unshare(CLONE_NEWNET) != 0 || !bringLoopbackUp(wasDown)) {
         std::cerr << "veltrane run: cannot make a network namespace to show the rules in: "
                   << std::strerror(errno) << "\n";
         return exitUnavailable;
