@@ -180,7 +180,7 @@ TEST(ProcessLookupTest, ProcessInAScopeAnswersToItsLeader) {
         // The scope's leader is remembered for the members that come later,
         // but not past its end: the scope then answers to the next one.
         leader.stop();
-        Process late({"/bin/cat"});
+        Process late({"/bin/sleep", "1001"}); // cat would end at once on a closed stdin
         join(late.pid);
         EXPECT_EQ(core::identity(flowFrom(late.pid)).responsibleExecutable, "tail");
     }
