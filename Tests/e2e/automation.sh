@@ -107,6 +107,8 @@ start_run --profile "$lab_dir/pinned.json" || exit 1
 check "a run on a profile file does not take the store's change" \
     logged "this run routes by $lab_dir/pinned.json (--profile)"
 check "and the verb says it is only saved" grep -q "(saved; the extension" "$lab_dir/pinned.out"
+"$veltrane" test-route --app curl --host origin.example --port 80 >"$lab_dir/pinned-route.out"
+check "a route test goes by the file too" grep -q "^route: proxy S" "$lab_dir/pinned-route.out"
 fetch
 check "so curl still goes by the file, through the proxy" origin_saw 192.0.2.2
 stop_run

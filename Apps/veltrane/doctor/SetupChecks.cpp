@@ -199,10 +199,14 @@ std::vector<Finding> profileChecks() {
         const auto statusReply = access->operations().getStatusWithReply();
         status = dataOf(statusReply);
         why = statusReply.text;
-        const auto proxiesReply = access->operations().listProxiesWithReply();
-        proxies = dataOf(proxiesReply);
-        if (!proxiesReply.succeeded) {
-            why = proxiesReply.text;
+        // The profile in effect, which a run given a profile file keeps
+        // whatever the store's active one is.
+        const auto profileReply = access->operations().exportProfileWithName("");
+        if (auto document = dataOf(profileReply); document && document->is_object()) {
+            proxies = document->value("proxies", nlohmann::json());
+        }
+        if (!profileReply.succeeded) {
+            why = profileReply.text;
         }
     } catch (const kit::Error& error) {
         why = error.localizedDescription();

@@ -64,6 +64,13 @@ AutomationHost::AutomationHost(kit::ProfileStore& store, ExtensionProcess& exten
     hooks.applyToExtension = [this](const kit::Profile& profile) {
         return activate(profile, "chosen through the automation service");
     };
+    if (pinned_) {
+        if (auto profile = kit::decodeProfile(std::string_view(pinned_->document))) {
+            hooks.routedProfile = [profile = std::move(*profile)]() -> std::optional<kit::Profile> {
+                return profile;
+            };
+        }
+    }
     hooks.currentFingerprint = [] { return kit::currentFingerprint(); };
     hooks.setEnabled = [this](bool enabled) {
         if (!enabled) {

@@ -217,6 +217,13 @@ std::optional<NetworkEnvironment::Fingerprint> StoreAutomation::fingerprint() co
     return ask<NetworkEnvironment::Fingerprint>(hooks_.currentFingerprint);
 }
 
+Profile StoreAutomation::effectiveProfile() const {
+    if (auto routed = ask<Profile>(hooks_.routedProfile)) {
+        return std::move(*routed);
+    }
+    return store_.activeProfile();
+}
+
 std::string StoreAutomation::applyActive() {
     if (!hooks_.applyToExtension) {
         return {}; // working on the store alone: nothing runs to be told
@@ -268,7 +275,7 @@ AutomationReply StoreAutomation::getStatusWithReply() {
         status.automationWritesAllowed = hooks_.writesAllowed;
         std::string problem;
         try {
-            status.activeProfile = store_.activeProfile().name;
+            status.activeProfile = effectiveProfile().name;
         } catch (const Error& error) {
             problem = error.localizedDescription();
         }
@@ -550,7 +557,7 @@ AutomationReply StoreAutomation::testRouteWithApp(const std::string& app, const 
         identity.bundleID = app;
         identity.displayName = app;
         identity.executableName = app;
-        const RuleEngine engine(store_.activeProfile());
+        const RuleEngine engine(effectiveProfile());
         const TestRouteDTO dto(engine.match(identity, host, port, FlowTransport::tcp));
         return AutomationReply::done(dto.action, dto.json());
     });
@@ -581,7 +588,7 @@ AutomationReply StoreAutomation::queryConnectionsWithFilterJSON(const std::strin
 
 AutomationReply StoreAutomation::exportProfileWithName(const std::string& name) {
     return guarded([&] {
-        const Profile profile = name.empty() ? store_.activeProfile() : store_.find(name);
+        const Profile profile = name.empty() ? effectiveProfile() : store_.find(name);
         return AutomationReply::done(RL("profile %@", {inQuotes(profile.name)}),
                                      encodeProfile(profile, false));
     });

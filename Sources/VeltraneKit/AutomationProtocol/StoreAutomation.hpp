@@ -94,7 +94,8 @@ private:
 //     or no profile bound to it; every profile is listed, by name, with its
 //     environments as in the profile document.
 //   - exportProfileWithName: data: the profile document (one line) of the
-//     profile of that name; an empty name exports the active profile.
+//     profile of that name; an empty name exports the active profile (or
+//     the one the extension routes by instead, see Hooks::routedProfile).
 //   - importProfileWithJson: a profile document saved as a new profile, not
 //     made active; a name taken already (ignoring case) fails with the
 //     store's duplicate-name error, an id taken already is replaced by a
@@ -142,6 +143,12 @@ public:
         // environments). Returns whether the extension took it. Empty when
         // the store is worked on alone, with no extension to tell.
         std::function<bool(const Profile&)> applyToExtension;
+        // The profile the extension routes by when that is not the store's
+        // active one (a run given a profile file); empty or nullopt: the
+        // active one. The status names it, and a route test and the export
+        // of "the active profile" go by it, so that they tell what the
+        // connections meet.
+        std::function<std::optional<Profile>()> routedProfile;
         // The network the machine is on now; nullopt when there is none.
         std::function<std::optional<NetworkEnvironment::Fingerprint>()> currentFingerprint;
         // Turns redirection on or off; returns whether the extension did.
@@ -199,6 +206,8 @@ private:
     // The text to add after the active profile changed.
     std::string applyActive();
     std::optional<NetworkEnvironment::Fingerprint> fingerprint() const;
+    // The profile in effect: routedProfile's, else the store's active one.
+    Profile effectiveProfile() const;
 
     ProfileStore& store_;
     const Hooks hooks_;
