@@ -50,6 +50,9 @@ void addExecCommand(CLI::App& app, CommandRunner& runner);
 // Registers "dns".
 void addDnsCommand(CLI::App& app, CommandRunner& runner);
 
+// Registers "status", "enable" and "disable".
+void addStatusCommands(CLI::App& app, CommandRunner& runner);
+
 // Registers "doctor".
 void addDoctorCommand(CLI::App& app, CommandRunner& runner);
 

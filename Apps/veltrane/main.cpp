@@ -8,6 +8,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     veltrane::app::CommandRunner runner;
     veltrane::app::addTestRouteCommand(app, runner);
+    veltrane::app::addStatusCommands(app, runner);
     veltrane::app::addStatsCommand(app, runner);
     veltrane::app::addEventsCommand(app, runner);
     veltrane::app::addRunCommands(app, runner);

@@ -111,6 +111,14 @@ check "and the verb says it is only saved" grep -q "(saved; the extension" "$lab
 check "a route test goes by the file too" grep -q "^route: proxy S" "$lab_dir/pinned-route.out"
 fetch
 check "so curl still goes by the file, through the proxy" origin_saw 192.0.2.2
+"$veltrane" disable >/dev/null
+check "disable turns redirection off" grep -q '"enabled":false' <("$veltrane" status --json)
+fetch
+check "and curl goes direct" origin_saw 192.0.2.1
+"$veltrane" enable >/dev/null
+check "enable turns it on, answering at once" grep -q "^redirection  on" <("$veltrane" status)
+fetch
+check "by the file again" origin_saw 192.0.2.2
 stop_run
 
 finish

@@ -11,8 +11,10 @@
 #include "VeltraneKit/SharedPaths.hpp"
 #include "run/ExtensionProcess.hpp"
 
+#include <chrono>
 #include <filesystem>
 #include <iostream>
+#include <thread>
 
 namespace veltrane::app {
 
@@ -97,8 +99,26 @@ AutomationHost::AutomationHost(kit::ProfileStore& store, ExtensionProcess& exten
             std::lock_guard guard(mutex_);
             lastHanded_ = profile;
         }
-        std::cerr << "veltrane run: redirection on (through the automation service)\n";
-        return extension_.start(profile);
+        if (!extension_.start(profile)) {
+            return false;
+        }
+        // On once it answers, so that the status read next says so. One that
+        // cannot set up its capture ends, and the run with it.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (auto client = controlClient()) {
+                try {
+                    if (client->ping()) {
+                        std::cerr << "veltrane run: redirection on (through the automation "
+                                     "service)\n";
+                        return true;
+                    }
+                } catch (const kit::ExtensionControlError&) {
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
     };
     hooks.isEnabled = [this] { return extension_.running(); };
     hooks.writesAllowed = writesAllowed;
