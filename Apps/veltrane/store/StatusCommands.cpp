@@ -77,8 +77,9 @@ void addStatusCommands(CLI::App& app, CommandRunner& runner) {
         [options, &runner] { runner = [options] { return setEnabled(true, *options); }; });
 
     auto* disable = app.add_subcommand(
-        "disable", "Turn redirection off in the running system: new connections go direct "
-                   "until `veltrane enable`; `veltrane run` keeps running");
+        "disable", "Turn redirection off in the running system: the connections it carries "
+                   "end, and new ones go direct until `veltrane enable`; `veltrane run` keeps "
+                   "running");
     disable->add_flag("--json", options->json, "Print the result as JSON (one line)");
     disable->footer("Exit status: 0 off, 1 nothing runs or it did not stop.");
     disable->callback(
