@@ -70,6 +70,8 @@ check "and the extension" grep -q "^ok   extension: " "$lab_dir/doctor-run.out"
 check "and reaches the profile's proxy" grep -q "^ok   proxy S: 192.0.2.2:1080" \
     "$lab_dir/doctor-run.out"
 check "and no other table before ours" grep -q "^ok   other tables: " "$lab_dir/doctor-run.out"
+check "and TPROXY, probed when the modules do not tell" grep -q "^ok   TPROXY: " \
+    "$lab_dir/doctor-run.out"
 lab_in nft add table inet other
 lab_in nft add chain inet other early '{ type filter hook output priority -300; }'
 lab_in "$veltrane" doctor --json >"$lab_dir/doctor-other.out" 2>&1

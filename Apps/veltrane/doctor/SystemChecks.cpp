@@ -2,8 +2,10 @@
 // needs, each probed the way the capture itself would use it.
 #include "ControlCommands.hpp"
 #include "Platform/linux/SmallFile.hpp"
+#include "Platform/linux/capture/CaptureTables.hpp"
 #include "doctor/DoctorCheck.hpp"
 #include "mcp/AutomationConnection.hpp"
+#include "run/NetworkNamespace.hpp"
 
 #include <cerrno>
 #include <cstring>
@@ -13,10 +15,12 @@
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace veltrane::app::doctor {
@@ -89,11 +93,59 @@ Finding netfilterQueue() {
                             "use a kernel built with CONFIG_NETFILTER_NETLINK_QUEUE");
 }
 
+// Without a module index (a container's view of the kernel), the capture's
+// own tables are installed, as a run with UDP carried would, in a network
+// namespace that a child makes and drops on exit: the kernel's answer to
+// the tproxy rule is the answer. Needs root, and no thread of ours yet
+// (the child allocates).
+Presence probeTransparentProxy() {
+    if (::geteuid() != 0) {
+        return Presence::unknown;
+    }
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return Presence::unknown;
+    }
+    if (child == 0) {
+        bool wasDown = false;
+        if (::unshare(CLONE_NEWNET) != 0 || !bringLoopbackUp(wasDown)) {
+            ::_exit(3);
+        }
+        platform::capture::TableConfig config;
+        config.name = "veltrane-doctor";
+        config.tcpListenerPort = 1;
+        config.udpTransparentPort = 1;
+        std::string whyNot;
+        if (platform::capture::CaptureTables::install(config, whyNot)) {
+            ::_exit(0);
+        }
+        ::_exit(whyNot.find("tproxy") != std::string::npos ? 1 : 3);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status)) {
+        return Presence::unknown;
+    }
+    switch (WEXITSTATUS(status)) {
+    case 0:
+        return Presence::loaded;
+    case 1:
+        return Presence::absent;
+    default:
+        return Presence::unknown;
+    }
+}
+
 Finding transparentProxy() {
     const char* check = "TPROXY";
-    switch (modulePresence({"nft_tproxy", "nf_tproxy_ipv4"})) {
+    auto presence = modulePresence({"nft_tproxy", "nf_tproxy_ipv4"});
+    if (presence == Presence::unknown) {
+        presence = probeTransparentProxy();
+    }
+    switch (presence) {
     case Presence::loaded:
-        return Finding::good(check, "nft_tproxy is loaded");
+        return Finding::good(check, "nft_tproxy is in the kernel");
     case Presence::loadable:
         return Finding::good(check, "nft_tproxy loads on first use");
     case Presence::unknown:
