@@ -433,6 +433,7 @@ TEST(ProviderTest, UDPRelayedThroughDanteAndDNSAnsweredOrForwarded) {
     auto proxy = test::loopbackProxy(dante->port());
     h.start(test::profile({proxy},
                           {test::rule({}, RuleAction::proxy(proxy.id), kit::QUICPolicy::proxy)}));
+    const auto baseline = test::openDescriptors();
     auto quic = h.udp("10.9.8.7", 51000);
     ASSERT_TRUE(h.host->deliver(quic));
     auto to = NWHostEndpoint::endpointWithHostname("127.0.0.1", std::to_string(resolver.port()));
@@ -443,6 +444,8 @@ TEST(ProviderTest, UDPRelayedThroughDanteAndDNSAnsweredOrForwarded) {
     auto events = h.events();
     EXPECT_EQ(std::tuple(events[1].phase, events[1].host, events[1].port, events[1].bytesSent),
               std::tuple(Phase::close, std::string("10.9.8.7"), 0, 11u));
+    // The relay's sockets close after its close event is recorded.
+    EXPECT_TRUE(test::waitUntil([&] { return test::openDescriptors() <= baseline; }));
 
     // A query is answered with a fake address, an AAAA query forwarded; each
     // reply names the server the query was sent to.
@@ -456,7 +459,6 @@ TEST(ProviderTest, UDPRelayedThroughDanteAndDNSAnsweredOrForwarded) {
         }
         return test::concat({q, {0, 0, type, 0, 1}});
     };
-    const auto beforeForwards = test::openDescriptors();
     auto dns = h.udp("0.0.0.0", 53);
     ASSERT_TRUE(h.host->deliver(dns));
     auto silentServer = NWHostEndpoint::endpointWithHostname("127.0.0.1", silentPort);
@@ -471,7 +473,7 @@ TEST(ProviderTest, UDPRelayedThroughDanteAndDNSAnsweredOrForwarded) {
     EXPECT_EQ(h.events().size(), 2u); // DNS leaves no event
     // Both forwards' sockets go: the answered one at once, the silent
     // resolver's after the time-out.
-    EXPECT_TRUE(test::waitUntil([&] { return test::openDescriptors() <= beforeForwards; }));
+    EXPECT_TRUE(test::waitUntil([&] { return test::openDescriptors() <= baseline; }));
     dns->appFinish();
     ASSERT_TRUE(dns->waitClosed());
     ::close(silent);

@@ -48,10 +48,14 @@ void ask(const std::string& name, std::uint16_t type, const std::string& address
             connection->cancel(); // the pending receive then ends empty-handed
         }
     });
-    connection->receiveMessage([connection, timer, strand, id, type,
+    // Weak: the connection holds this receive until it ends, and a strong
+    // reference back would keep both for ever if the queue stopped first.
+    connection->receiveMessage([weak = std::weak_ptr(connection), timer, strand, id, type,
                                 done = std::move(done)](std::optional<Bytes> data, bool,
                                                         const std::optional<platform::NWError>&) {
-        connection->cancel();
+        if (auto connection = weak.lock()) {
+            connection->cancel();
+        }
         asio::post(strand, [timer] { timer->cancel(); });
         done(data ? parseAddresses(*data, id, type) : std::nullopt);
     });

@@ -181,14 +181,18 @@ void TransparentProxyProvider::forwardDNS(
             connection->cancel();
         }
     });
+    // The connection holds this receive until it ends: a strong reference
+    // back would keep both for ever if the queue stopped first.
     connection->receiveMessage(
-        [dns, endpoint, connection, timer, strand](std::optional<Bytes> data, bool,
-                                                   const std::optional<platform::NWError>&) {
+        [dns, endpoint, weak = std::weak_ptr(connection), timer,
+         strand](std::optional<Bytes> data, bool, const std::optional<platform::NWError>&) {
             if (data && !data->empty()) {
                 dns->flow->writeDatagrams({std::move(*data)}, {endpoint},
                                           [](const std::optional<FlowError>&) {});
             }
-            connection->cancel();
+            if (auto connection = weak.lock()) {
+                connection->cancel();
+            }
             asio::post(strand, [timer] { timer->cancel(); });
             dns->forwardsInFlight.fetch_sub(1);
         });
