@@ -3,6 +3,7 @@
 #include "ControlCommands.hpp"
 #include "Platform/linux/SmallFile.hpp"
 #include "Platform/linux/capture/CaptureTables.hpp"
+#include "Platform/linux/capture/FlowQueue.hpp"
 #include "doctor/DoctorCheck.hpp"
 #include "mcp/AutomationConnection.hpp"
 #include "run/NetworkNamespace.hpp"
@@ -71,6 +72,42 @@ Presence modulePresence(const std::vector<std::string>& names) {
     return indexed ? Presence::absent : Presence::unknown;
 }
 
+// Without a module index (a container's view of the kernel), a feature is
+// tried as the capture itself would use it, in a network namespace that a
+// child makes and drops on exit: the kernel's answer is the answer. `tryIt`
+// runs in the child and says loaded, absent or unknown. Needs root, and no
+// thread of ours yet (the child allocates).
+Presence probeInFreshNamespace(Presence (*tryIt)()) {
+    if (::geteuid() != 0) {
+        return Presence::unknown;
+    }
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return Presence::unknown;
+    }
+    if (child == 0) {
+        bool wasDown = false;
+        if (::unshare(CLONE_NEWNET) != 0 || !bringLoopbackUp(wasDown)) {
+            ::_exit(static_cast<int>(Presence::unknown));
+        }
+        ::_exit(static_cast<int>(tryIt()));
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status)) {
+        return Presence::unknown;
+    }
+    switch (static_cast<Presence>(WEXITSTATUS(status))) {
+    case Presence::loaded:
+        return Presence::loaded;
+    case Presence::absent:
+        return Presence::absent;
+    default:
+        return Presence::unknown;
+    }
+}
+
 Finding netfilterQueue() {
     const char* check = "netfilter queue";
     // The file is there in every network namespace once the queue is in
@@ -78,9 +115,21 @@ Finding netfilterQueue() {
     if (exists("/proc/net/netfilter/nfnetlink_queue")) {
         return Finding::good(check, "nfnetlink_queue is in the kernel");
     }
-    switch (modulePresence({"nfnetlink_queue"})) {
+    auto presence = modulePresence({"nfnetlink_queue"});
+    if (presence == Presence::unknown) {
+        // Binding a queue loads the module where the kernel can.
+        presence = probeInFreshNamespace([] {
+            std::string whyNot;
+            if (platform::capture::FlowQueue::open(0, whyNot)) {
+                return Presence::loaded;
+            }
+            return whyNot.find("has no netfilter queues") != std::string::npos ? Presence::absent
+                                                                               : Presence::unknown;
+        });
+    }
+    switch (presence) {
     case Presence::loaded:
-        return Finding::good(check, "nfnetlink_queue is loaded");
+        return Finding::good(check, "nfnetlink_queue is in the kernel");
     case Presence::loadable:
         return Finding::good(check, "nfnetlink_queue loads on first use");
     case Presence::unknown:
@@ -93,55 +142,24 @@ Finding netfilterQueue() {
                             "use a kernel built with CONFIG_NETFILTER_NETLINK_QUEUE");
 }
 
-// Without a module index (a container's view of the kernel), the capture's
-// own tables are installed, as a run with UDP carried would, in a network
-// namespace that a child makes and drops on exit: the kernel's answer to
-// the tproxy rule is the answer. Needs root, and no thread of ours yet
-// (the child allocates).
-Presence probeTransparentProxy() {
-    if (::geteuid() != 0) {
-        return Presence::unknown;
-    }
-    const pid_t child = ::fork();
-    if (child < 0) {
-        return Presence::unknown;
-    }
-    if (child == 0) {
-        bool wasDown = false;
-        if (::unshare(CLONE_NEWNET) != 0 || !bringLoopbackUp(wasDown)) {
-            ::_exit(3);
-        }
-        platform::capture::TableConfig config;
-        config.name = "veltrane-doctor";
-        config.tcpListenerPort = 1;
-        config.udpTransparentPort = 1;
-        std::string whyNot;
-        if (platform::capture::CaptureTables::install(config, whyNot)) {
-            ::_exit(0);
-        }
-        ::_exit(whyNot.find("tproxy") != std::string::npos ? 1 : 3);
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (!WIFEXITED(status)) {
-        return Presence::unknown;
-    }
-    switch (WEXITSTATUS(status)) {
-    case 0:
-        return Presence::loaded;
-    case 1:
-        return Presence::absent;
-    default:
-        return Presence::unknown;
-    }
-}
-
 Finding transparentProxy() {
     const char* check = "TPROXY";
     auto presence = modulePresence({"nft_tproxy", "nf_tproxy_ipv4"});
     if (presence == Presence::unknown) {
-        presence = probeTransparentProxy();
+        // The capture's own tables, UDP carried: the tproxy rule is refused
+        // where the kernel has no TPROXY.
+        presence = probeInFreshNamespace([] {
+            platform::capture::TableConfig config;
+            config.name = "veltrane-doctor";
+            config.tcpListenerPort = 1;
+            config.udpTransparentPort = 1;
+            std::string whyNot;
+            if (platform::capture::CaptureTables::install(config, whyNot)) {
+                return Presence::loaded;
+            }
+            return whyNot.find("tproxy") != std::string::npos ? Presence::absent
+                                                              : Presence::unknown;
+        });
     }
     switch (presence) {
     case Presence::loaded:
