@@ -117,6 +117,14 @@ check "and curl goes direct" origin_saw 192.0.2.1
 check "enable turns it on, answering at once" grep -q "^redirection  on" <("$veltrane" status)
 fetch
 check "by the file again" origin_saw 192.0.2.2
+# The store's Lab now sends curl direct; so does the file once read again.
+"$veltrane" profile export Lab >"$lab_dir/pinned.json"
+kill -HUP "$run_pid"
+check "SIGHUP reads the file again" logged "$lab_dir/pinned.json read again; in effect now"
+fetch
+check "and curl goes by the edit" origin_saw 192.0.2.1
+check "as the route test says" grep -q "^route: direct" \
+    <("$veltrane" test-route --app curl --host origin.example --port 80)
 stop_run
 
 finish

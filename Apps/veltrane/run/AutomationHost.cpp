@@ -67,11 +67,10 @@ AutomationHost::AutomationHost(kit::ProfileStore& store, ExtensionProcess& exten
         return activate(profile, "chosen through the automation service");
     };
     if (pinned_) {
-        if (auto profile = kit::decodeProfile(std::string_view(pinned_->document))) {
-            hooks.routedProfile = [profile = std::move(*profile)]() -> std::optional<kit::Profile> {
-                return profile;
-            };
-        }
+        hooks.routedProfile = [this]() -> std::optional<kit::Profile> {
+            std::lock_guard guard(mutex_);
+            return kit::decodeProfile(std::string_view(pinned_->document));
+        };
     }
     hooks.currentFingerprint = [] { return kit::currentFingerprint(); };
     hooks.setEnabled = [this](bool enabled) {
@@ -86,6 +85,7 @@ AutomationHost::AutomationHost(kit::ProfileStore& store, ExtensionProcess& exten
         }
         std::string profile;
         if (pinned_) {
+            std::lock_guard guard(mutex_);
             profile = pinned_->document;
         } else {
             try {
@@ -152,6 +152,14 @@ void AutomationHost::handedAtStart(const kit::Profile& profile) {
     std::lock_guard guard(mutex_);
     lastHanded_ = kit::encodeProfile(profile, false);
     lastID_ = profile.id;
+}
+
+void AutomationHost::pinnedReread(const std::string& document) {
+    std::lock_guard guard(mutex_);
+    if (pinned_) {
+        pinned_->document = document;
+        lastHanded_ = document;
+    }
 }
 
 bool AutomationHost::activate(const kit::Profile& profile, const std::string& why) {

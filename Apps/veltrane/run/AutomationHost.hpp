@@ -21,13 +21,14 @@ class ExtensionProcess;
 // active profile is handed to the extension at once and leaves one line on
 // stderr saying why.
 //
-// A run given a profile file routes by that file for its whole life: the
-// store's changes are then saved but not handed over, and the verbs say so.
+// A run given a profile file routes by that file for its whole life (read
+// again on SIGHUP): the store's changes are then saved but not handed over,
+// and the verbs say so.
 class AutomationHost {
 public:
     struct PinnedProfile {
         std::string path;     // as given to --profile
-        std::string document; // what the extension was started with
+        std::string document; // what the extension routes by, or will when on
     };
     AutomationHost(kit::ProfileStore& store, ExtensionProcess& extension, bool writesAllowed,
                    std::optional<PinnedProfile> pinned = std::nullopt);
@@ -44,6 +45,10 @@ public:
     bool activate(const kit::Profile& profile, const std::string& why);
     // What the extension was started with.
     void handedAtStart(const kit::Profile& profile);
+    // The profile file was read again and `document` handed over (or kept
+    // for when redirection is turned on): the status, the route tests and
+    // the next start go by it.
+    void pinnedReread(const std::string& document);
 
 private:
     kit::ProfileStore& store_;
@@ -52,7 +57,7 @@ private:
     std::mutex mutex_;
     std::optional<std::string> lastHanded_; // the profile document handed last
     std::optional<kit::UUID> lastID_;
-    const std::optional<PinnedProfile> pinned_;
+    std::optional<PinnedProfile> pinned_; // present or not for good; the document under mutex_
     std::unique_ptr<kit::StoreAutomation> automation_;
     std::unique_ptr<platform::UnixLineServer> server_;
 };

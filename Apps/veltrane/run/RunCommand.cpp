@@ -98,6 +98,31 @@ std::string profileToShow(const RunOptions& options) {
     }
 }
 
+// SIGHUP to a run given a profile file: the file is read again and handed
+// over, so that an edit takes effect without a restart. One that does not
+// read as a profile leaves the one in effect alone.
+void rereadProfileFile(const std::string& path, ExtensionProcess& extension,
+                       AutomationHost* automation) {
+    const auto document = readProfileFile(path, "run");
+    if (!document) {
+        return;
+    }
+    if (!kit::decodeProfile(std::string_view(*document))) {
+        std::cerr << "veltrane run: " << path << " is not a profile; the one in effect stays\n";
+        return;
+    }
+    const bool running = extension.running();
+    if (running && !extension.hand(*document)) {
+        std::cerr << "veltrane run: the extension did not take " << path << "\n";
+        return;
+    }
+    if (automation) {
+        automation->pinnedReread(*document);
+    }
+    std::cerr << "veltrane run: " << path << " read again; "
+              << (running ? "in effect now" : "in effect when redirection is turned on") << "\n";
+}
+
 int run(const RunOptions& options) {
     if (::geteuid() != 0) {
         std::cerr << "veltrane run: capturing traffic needs root (CAP_NET_ADMIN)\n";
@@ -186,8 +211,12 @@ int run(const RunOptions& options) {
                 return;
             }
             if (signal == SIGHUP) {
+                if (!options.profile.empty()) {
+                    rereadProfileFile(options.profile, extension, automation.get());
+                    continue;
+                }
                 // As after a reload of the service: the store's active profile again.
-                if (store && options.profile.empty()) {
+                if (store) {
                     try {
                         const auto active = store->activeProfile();
                         if (extension.hand(kit::encodeProfile(active, false))) {
