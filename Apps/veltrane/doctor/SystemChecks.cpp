@@ -98,14 +98,8 @@ Presence probeInFreshNamespace(Presence (*tryIt)()) {
     if (!WIFEXITED(status)) {
         return Presence::unknown;
     }
-    switch (static_cast<Presence>(WEXITSTATUS(status))) {
-    case Presence::loaded:
-        return Presence::loaded;
-    case Presence::absent:
-        return Presence::absent;
-    default:
-        return Presence::unknown;
-    }
+    const auto answer = static_cast<Presence>(WEXITSTATUS(status));
+    return answer == Presence::loaded || answer == Presence::absent ? answer : Presence::unknown;
 }
 
 Finding netfilterQueue() {

@@ -67,9 +67,10 @@ AutomationHost::AutomationHost(kit::ProfileStore& store, ExtensionProcess& exten
         return activate(profile, "chosen through the automation service");
     };
     if (pinned_) {
-        hooks.routedProfile = [this]() -> std::optional<kit::Profile> {
+        pinnedProfile_ = kit::decodeProfile(std::string_view(pinned_->document));
+        hooks.routedProfile = [this] {
             std::lock_guard guard(mutex_);
-            return kit::decodeProfile(std::string_view(pinned_->document));
+            return pinnedProfile_;
         };
     }
     hooks.currentFingerprint = [] { return kit::currentFingerprint(); };
@@ -154,10 +155,11 @@ void AutomationHost::handedAtStart(const kit::Profile& profile) {
     lastID_ = profile.id;
 }
 
-void AutomationHost::pinnedReread(const std::string& document) {
+void AutomationHost::pinnedReread(const std::string& document, const kit::Profile& profile) {
     std::lock_guard guard(mutex_);
     if (pinned_) {
         pinned_->document = document;
+        pinnedProfile_ = profile;
         lastHanded_ = document;
     }
 }

@@ -48,7 +48,7 @@ public:
     // The profile file was read again and `document` handed over (or kept
     // for when redirection is turned on): the status, the route tests and
     // the next start go by it.
-    void pinnedReread(const std::string& document);
+    void pinnedReread(const std::string& document, const kit::Profile& profile);
 
 private:
     kit::ProfileStore& store_;
@@ -58,6 +58,7 @@ private:
     std::optional<std::string> lastHanded_; // the profile document handed last
     std::optional<kit::UUID> lastID_;
     std::optional<PinnedProfile> pinned_; // present or not for good; the document under mutex_
+    std::optional<kit::Profile> pinnedProfile_; // the document decoded, under mutex_
     std::unique_ptr<kit::StoreAutomation> automation_;
     std::unique_ptr<platform::UnixLineServer> server_;
 };

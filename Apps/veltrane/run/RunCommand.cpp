@@ -107,7 +107,8 @@ void rereadProfileFile(const std::string& path, ExtensionProcess& extension,
     if (!document) {
         return;
     }
-    if (!kit::decodeProfile(std::string_view(*document))) {
+    const auto profile = kit::decodeProfile(std::string_view(*document));
+    if (!profile) {
         std::cerr << "veltrane run: " << path << " is not a profile; the one in effect stays\n";
         return;
     }
@@ -117,7 +118,7 @@ void rereadProfileFile(const std::string& path, ExtensionProcess& extension,
         return;
     }
     if (automation) {
-        automation->pinnedReread(*document);
+        automation->pinnedReread(*document, *profile);
     }
     std::cerr << "veltrane run: " << path << " read again; "
               << (running ? "in effect now" : "in effect when redirection is turned on") << "\n";
